@@ -1,0 +1,3 @@
+#include "installer/installer.hpp"
+
+int DriverInstaller::prepare() { return 0; }

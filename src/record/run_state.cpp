@@ -1,0 +1,11 @@
+#include "record/run_state.hpp"
+
+std::vector<ManifestEntry> install_entries;
+std::unordered_map<std::string, std::string> md5_cache;
+UninstallState uninstall_state;
+
+void reset_run_state() {
+    install_entries.clear();
+    md5_cache.clear();
+    uninstall_state = UninstallState{};
+}

@@ -1,0 +1,3 @@
+#include "installer/installer.hpp"
+
+int DriverInstaller::post_install() { return 0; }

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "app/log.hpp"
+#include "app/result_codes.hpp"
 #include "host/commands.hpp"
 #include "host/environment_probes.hpp"
 #include "host/files.hpp"
@@ -58,7 +59,7 @@ DkmsConfig read_dkms_config() {
 int remove_dkms_modules(const std::string& /*version*/) {
     if (find_in_path("dkms").empty()) {
         log_message(3, "dkms not installed, exit dkms uninstall.\n if you have dkms, please check PATH.");
-        return -110;
+        return removal::dkms_missing;
     }
     const DkmsConfig config = read_dkms_config();
     for (const std::string& path : glob_paths(config.dkms_tree + "/quorl/*")) {
@@ -76,7 +77,7 @@ int remove_dkms_modules(const std::string& /*version*/) {
         if (!run_command(command, output, status) || (status != 0 && status != 3)) {
             printf("Error happened in %s. please check manually. remove returns %d.\n%s\n", command.c_str(), status,
                    output.c_str());
-            return -116;
+            return removal::dkms_removal_failed;
         }
 
         // The sources are looked for at the fixed path, whatever source_tree says.
@@ -85,7 +86,7 @@ int remove_dkms_modules(const std::string& /*version*/) {
         if (file_exists(source_dir)) {
             if (!run_command("rm -rf " + source_dir + " 2>&1", output, status) || status != 0) {
                 log_message(3, "remove dkms src /usr/src/%s may failed. please remove it manually.\n", version.c_str());
-                return -116;
+                return removal::dkms_removal_failed;
             }
         }
     }
@@ -95,7 +96,7 @@ int remove_dkms_modules(const std::string& /*version*/) {
 int uninstall_dkms_entry(const ManifestEntry& entry) {
     if (inside_docker()) {
         log_message(2, "in side docker. skip dkms uninstall.\n");
-        return -109;
+        return removal::dkms_in_container;
     }
     return remove_dkms_modules(entry.path);
 }

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "app/log.hpp"
+#include "app/result_codes.hpp"
 #include "host/commands.hpp"
 #include "host/files.hpp"
 #include "installer/installer.hpp"
@@ -85,7 +86,7 @@ int insert_module(const std::string& name, const std::string& parameters) {
     run_command(command, output, status);
     if (status != 0) {
         log_message(4, "Failed to insert kernel module:\n%s\n", output.c_str());
-        return 51;
+        return code::modprobe_failed;
     }
     log_message(2, "modprobe %s succeed.\n", name.c_str());
     return 0;

@@ -82,7 +82,9 @@ mount -t tmpfs -o mode=0755 tmpfs /base || fail "tmpfs for the module tree"
 cp -a "/host$RK_MODULES_TREE" /base/modules || fail "copy of the module tree"
 enter_root
 mount --bind /base/modules "/newroot$RK_MODULES_MOUNT" || fail "bind of the module tree"
-chroot /newroot depmod -a "$release" || fail "depmod of the module tree"
+# Through the root's own env: busybox would otherwise run its own depmod applet.
+chroot /newroot /usr/bin/env PATH=/usr/sbin:/usr/bin:/sbin:/bin depmod -a "$release" ||
+    fail "depmod of the module tree"
 leave_root
 
 while read -r name script; do

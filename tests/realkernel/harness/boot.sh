@@ -55,6 +55,21 @@ share=$run_dir/share
     done
 } > "$share/env"
 
+# The guest mounts fresh file systems on these; anything of this machine
+# that it needs must lie elsewhere.
+hidden_in_guest() {
+    case "$1" in
+        /tmp/*|/run/*|/proc/*|/sys/*|/dev/*) return 0 ;;
+    esac
+    return 1
+}
+for needed in "$here" "$prepared"; do
+    if hidden_in_guest "$needed"; then
+        echo "boot.sh: $needed is hidden in the guest; keep sources and build directory outside /tmp and /run" >&2
+        exit 2
+    fi
+done
+
 names=()
 for script in "$@"; do
     name=$(basename "$script" .sh)
@@ -63,12 +78,10 @@ for script in "$@"; do
     done
     names+=("$name")
     path=$(realpath "$script")
-    # The guest mounts fresh file systems there; a script in them would vanish.
-    case "$path" in
-        /tmp/*|/run/*|/proc/*|/sys/*|/dev/*)
-            echo "boot.sh: $path is hidden in the guest; keep scenarios outside /tmp, /run, /proc, /sys, /dev" >&2
-            exit 2 ;;
-    esac
+    if hidden_in_guest "$path"; then
+        echo "boot.sh: $path is hidden in the guest; keep scenarios outside /tmp and /run" >&2
+        exit 2
+    fi
     echo "$name $path" >> "$share/plan"
 done
 

@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   cmake g++ make pkg-config libcli11-dev libgtest-dev
   kmod dkms openssl libcap2-bin binutils util-linux procps file
-  qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static
+  qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static xz-utils
 )
 missing=()
 for p in "${packages[@]}"; do

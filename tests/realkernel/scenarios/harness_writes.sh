@@ -25,8 +25,6 @@ rk_run journal journalctl -k --no-pager -q
 echo probe > /etc/realkernel-probe
 mkdir -p /usr/local/realkernel-probe
 echo probe > "$tree/realkernel-probe"
-mkdir -p /var/log/vantoriaquorl
-echo "installer log line" > /var/log/vantoriaquorl/driver_installer.log
 
 # A module left loaded, which the next scenario must not see.
 rk_run modprobe_crc7 modprobe crc7
@@ -35,4 +33,6 @@ rk_fact first_module "$(rk_first_module)"
 # The installer binary of this build runs in the guest from an unpacked package.
 rk_unpack_package /root/quorl-driver
 rk_run installer_help /root/quorl-driver/quorl-driver-installer --help
+# Written after the installer ran, since each run of it empties its log.
+echo "installer log line" > /var/log/vantoriaquorl/driver_installer.log
 rk_fact unpacked "$(cd /root/quorl-driver && ls | sort | tr '\n' ' ')"

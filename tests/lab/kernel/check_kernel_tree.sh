@@ -96,12 +96,15 @@ expect "vantoria.ko is an ELF relocatable object" "REL (Relocatable file)" \
 readelf -S "$ko" 2>/dev/null | grep -q ' \.modinfo ' && pass "vantoria.ko has a .modinfo section" ||
 	fail "vantoria.ko has a .modinfo section"
 
-make -C "$src" KERNELDIR="$tree" clean >/dev/null 2>&1 || fail "make clean"
-expect "make clean leaves the sources only" "$(cat "$work/sources.list")" "$(ls -A "$src" | sort)"
-
+# Like kbuild, a second build with other variables rebuilds what they change.
 make -C "$src" KERNELDIR="$tree" VGPU_ENABLE=1 >"$work/build.log" 2>&1 ||
 	fail "make VGPU_ENABLE=1: $(tail -n 5 "$work/build.log")"
 expect "VGPU_ENABLE=1 marks the module" 1 "$(field vgpu "$ko")"
+make -C "$src" KERNELDIR="$tree" >"$work/build.log" 2>&1 || fail "make without VGPU_ENABLE"
+expect "a build without VGPU_ENABLE drops the mark again" "" "$(field vgpu "$ko")"
+
+make -C "$src" KERNELDIR="$tree" clean >/dev/null 2>&1 || fail "make clean"
+expect "make clean leaves the sources only" "$(cat "$work/sources.list")" "$(ls -A "$src" | sort)"
 
 # --- the peer-memory module -------------------------------------------
 peer=$src/vnt_peer_mem

@@ -32,6 +32,12 @@ S=$2
 failures=0
 pass() { echo "ok - $1"; }
 fail() { echo "FAIL - $1"; failures=$((failures + 1)); }
+# check NAME COMMAND...: passes when the command succeeds
+check() {
+	local name=$1
+	shift
+	if "$@"; then pass "$name"; else fail "$name"; fi
+}
 expect() {
 	if [ "$2" = "$3" ]; then pass "$1"; else fail "$1: expected '$2', got '$3'"; fi
 }
@@ -57,6 +63,7 @@ for list in modules.order modules.builtin modules.builtin.modinfo; do
 done
 ln -s "/usr/src/linux-lab-$release" "$f/usr/lib/modules/$release/build"
 # dkms would use the host's own kbuild sign-file for a 6.1 release first.
+# shellcheck disable=SC2016 # dkms expands it when it reads the file
 echo 'sign_file="/lib/modules/${kernelver}/build/scripts/sign-file"' \
 	>"$f/etc/dkms/framework.conf.d/lab.conf"
 # Made in advance, dkms does not spend time generating them.
@@ -90,34 +97,32 @@ inside "dkms add -m quorl -v 3.2.1 --force"
 expect "dkms add" "0" "$?"
 inside "dkms build quorl/3.2.1 -k $release"
 expect "dkms build -k $release" "0" "$?"
-grep -q "Sign command: /lib/modules/$release/build/scripts/sign-file" "$S/out" &&
-	pass "dkms signs with the tree's sign-file" || fail "dkms signs with the tree's sign-file: $(grep Sign "$S/out")"
+check "dkms signs with the tree's sign-file" \
+	grep -q "Sign command: /lib/modules/$release/build/scripts/sign-file" "$S/out"
 built=$m/var/lib/dkms/quorl/3.2.1/$release/x86_64
-[ -f "$built/log/make.log" ] && pass "the build leaves log/make.log" || fail "the build leaves log/make.log"
-[ -f "$built/module/vantoria.ko" ] && pass "the build leaves module/vantoria.ko" ||
-	fail "the build leaves module/vantoria.ko: $(cat "$S/out")"
+check "the build leaves log/make.log" test -f "$built/log/make.log"
+check "the build leaves module/vantoria.ko" test -f "$built/module/vantoria.ko"
 
 inside "dkms install quorl/3.2.1 -k $release --force"
 expect "dkms install -k $release --force" "0" "$?"
 installed=$m/usr/lib/modules/$release/updates/dkms
 for ko in vantoria.ko vnt_peer_mem_drv.ko; do
-	[ -f "$installed/$ko" ] && pass "installed as updates/dkms/$ko" || fail "installed as updates/dkms/$ko"
+	check "installed as updates/dkms/$ko" test -f "$installed/$ko"
 done
 inside "modinfo -F version -k $release vantoria; modinfo -F sig_id -k $release vantoria;
 	modinfo -F signer -k $release vantoria; modinfo -F sig_hashalgo -k $release vantoria"
 expect "modinfo -k finds the installed, signed module" \
 	"3.2.1|PKCS#7|lab dkms signing key|sha256" "$(tr '\n' '|' <"$S/out" | sed 's/|$//')"
-grep -q "^updates/dkms/vantoria.ko:" "$m/usr/lib/modules/$release/modules.dep" &&
-	pass "depmod run by dkms lists the module" || fail "depmod run by dkms lists the module"
+check "depmod run by dkms lists the module" \
+	grep -q "^updates/dkms/vantoria.ko:" "$m/usr/lib/modules/$release/modules.dep"
 
 inside "dkms status"
 expect "dkms status" "quorl/3.2.1, $release, x86_64: installed" "$(cat "$S/out")"
 
 inside "dkms remove quorl/3.2.1 --all"
 expect "dkms remove quorl/3.2.1 --all" "0" "$?"
-[ ! -e "$installed/vantoria.ko" ] && pass "remove takes the installed module away" ||
-	fail "remove takes the installed module away"
-[ ! -e "$m/var/lib/dkms/quorl" ] && pass "remove unregisters quorl" || fail "remove unregisters quorl"
+check "remove takes the installed module away" test ! -e "$installed/vantoria.ko"
+check "remove unregisters quorl" test ! -e "$m/var/lib/dkms/quorl"
 inside "dkms status"
 expect "dkms status after remove" "" "$(cat "$S/out")"
 
@@ -138,15 +143,14 @@ inside "cd /tmp && cp -R /opt/package/kernel src && make -C src KERNELDIR=/lib/m
 	fail "manual build: $(tail -n 5 "$S/out")"
 inside "depmod $release"
 expect "depmod $release succeeds without a word" "0|" "$?|$(cat "$S/out")"
-grep -q "^kernel/drivers/misc/vantoria.ko:" "$m/usr/lib/modules/$release/modules.dep" &&
-	pass "depmod accepts a module of the fake tree" || fail "depmod accepts a module of the fake tree"
-grep -q "^alias pci:v00001F5Dd00000002sv\*sd\*bc\*sc\*i\* vantoria$" \
-	"$m/usr/lib/modules/$release/modules.alias" &&
-	pass "depmod writes the module's PCI alias" || fail "depmod writes the module's PCI alias"
+check "depmod accepts a module of the fake tree" \
+	grep -q "^kernel/drivers/misc/vantoria.ko:" "$m/usr/lib/modules/$release/modules.dep"
+check "depmod writes the module's PCI alias" grep -q \
+	"^alias pci:v00001F5Dd00000002sv\*sd\*bc\*sc\*i\* vantoria$" "$m/usr/lib/modules/$release/modules.alias"
 
 # Nothing of the run may reach the machine.
-[ ! -e /var/lib/dkms/quorl ] && [ ! -e "/usr/lib/modules/$release" ] && [ ! -e /usr/src/quorl-3.2.1 ] &&
-	pass "the machine saw none of it" || fail "the machine saw none of it"
+check "the machine saw none of it" \
+	test ! -e /var/lib/dkms/quorl -a ! -e "/usr/lib/modules/$release" -a ! -e /usr/src/quorl-3.2.1
 
 if [ $failures -ne 0 ]; then
 	echo "$failures check(s) failed"

@@ -16,6 +16,12 @@ failures=0
 
 pass() { echo "ok - $1"; }
 fail() { echo "FAIL - $1"; failures=$((failures + 1)); }
+# check NAME COMMAND...: passes when the command succeeds
+check() {
+	local name=$1
+	shift
+	if "$@"; then pass "$name"; else fail "$name"; fi
+}
 # expect NAME EXPECTED ACTUAL
 expect() {
 	if [ "$2" = "$3" ]; then pass "$1"; else fail "$1: expected '$2', got '$3'"; fi
@@ -30,10 +36,9 @@ tree=$work/tree
 # --- the generated tree -------------------------------------------------
 for f in include/linux/kernel.h include/linux/module.h include/linux/init.h \
 	include/generated/utsrelease.h Module.symvers Makefile .config; do
-	[ -f "$tree/$f" ] && pass "tree has $f" || fail "tree has $f"
+	check "tree has $f" test -f "$tree/$f"
 done
-[ -x "$tree/scripts/sign-file" ] && pass "tree has executable scripts/sign-file" ||
-	fail "tree has executable scripts/sign-file"
+check "tree has executable scripts/sign-file" test -x "$tree/scripts/sign-file"
 expect "utsrelease.h names the release" "#define UTS_RELEASE \"$release\"" \
 	"$(cat "$tree/include/generated/utsrelease.h")"
 expect "Module.symvers is empty" 0 "$(wc -c <"$tree/Module.symvers")"
@@ -49,7 +54,7 @@ sha512=$work/sha512
 # option, tree, expected lines of .config holding the option
 while read -r option dir expected; do
 	expect ".config of $(basename "$dir"): $option" "$expected" \
-		"$(grep -E "^(# )?$option[= ]" "$dir/.config" | tr '\n' '|')"
+		"$(grep -E "^(# )?${option}[= ]" "$dir/.config" | tr '\n' '|')"
 done <<TABLE
 CONFIG_MODULE_SIG_HASH $tree CONFIG_MODULE_SIG_HASH="sha256"|
 CONFIG_MODULE_SIG_FORCE $tree # CONFIG_MODULE_SIG_FORCE is not set|
@@ -71,13 +76,12 @@ expect "the tree refuses a build without M=" 2 $?
 # --- the main module, as the installer builds it ----------------------
 src=$work/pkg/kernel
 mkdir -p "$work/pkg" && cp -R "$package/kernel" "$src"
-ls -A "$src" | sort >"$work/sources.list"
+find "$src" | sort >"$work/sources.list"
 
 make -C "$src" KERNELDIR="$tree" >"$work/build.log" 2>&1 ||
 	fail "make -C kernel KERNELDIR=tree: $(tail -n 5 "$work/build.log")"
 ko=$src/vantoria.ko
-[ -f "$ko" ] && pass "vantoria.ko is left in the source directory" ||
-	fail "vantoria.ko is left in the source directory"
+check "vantoria.ko is left in the source directory" test -f "$ko"
 # field, expected value
 while IFS='|' read -r name expected; do
 	expect "modinfo $name of vantoria.ko" "$expected" "$(field "$name" "$ko")"
@@ -93,8 +97,7 @@ expect "srcversion follows version in modinfo, as with kbuild" "version:srcversi
 	"$(modinfo "$ko" | grep 'version:' | cut -d' ' -f1 | tr -d '\n')"
 expect "vantoria.ko is an ELF relocatable object" "REL (Relocatable file)" \
 	"$(readelf -h "$ko" 2>&1 | sed -n 's/^ *Type: *//p')"
-readelf -S "$ko" 2>/dev/null | grep -q ' \.modinfo ' && pass "vantoria.ko has a .modinfo section" ||
-	fail "vantoria.ko has a .modinfo section"
+check "vantoria.ko has a .modinfo section" grep -q ' \.modinfo ' <(readelf -S "$ko" 2>&1)
 
 # Like kbuild, a second build with other variables rebuilds what they change.
 make -C "$src" KERNELDIR="$tree" VGPU_ENABLE=1 >"$work/build.log" 2>&1 ||
@@ -104,7 +107,7 @@ make -C "$src" KERNELDIR="$tree" >"$work/build.log" 2>&1 || fail "make without V
 expect "a build without VGPU_ENABLE drops the mark again" "" "$(field vgpu "$ko")"
 
 make -C "$src" KERNELDIR="$tree" clean >/dev/null 2>&1 || fail "make clean"
-expect "make clean leaves the sources only" "$(cat "$work/sources.list")" "$(ls -A "$src" | sort)"
+expect "make clean leaves the sources only" "$(cat "$work/sources.list")" "$(find "$src" | sort)"
 
 # --- the peer-memory module -------------------------------------------
 peer=$src/vnt_peer_mem
@@ -120,10 +123,9 @@ make_line=$(kernel_source_dir=$tree bash -c '. "$1"; echo "${MAKE[0]}"' _ "$work
 (cd "$src" && eval "${make_line/#make/make -j2 KERNELRELEASE=$release}") >"$work/build.log" 2>&1 ||
 	fail "dkms make line '$make_line': $(tail -n 5 "$work/build.log")"
 for ko in vantoria.ko vnt_peer_mem/vnt_peer_mem_drv.ko; do
-	[ -f "$src/$ko" ] && pass "dkms make line builds $ko" || fail "dkms make line builds $ko"
+	check "dkms make line builds $ko" test -f "$src/$ko"
 done
-grep -c QUORLPLACEHOLDER "$package/kernel/dkms.conf" | grep -qx 1 &&
-	pass "dkms.conf holds the marker once" || fail "dkms.conf holds the marker once"
+expect "dkms.conf holds the marker once" 1 "$(grep -c QUORLPLACEHOLDER "$package/kernel/dkms.conf")"
 
 # --- signing ---------------------------------------------------------------
 openssl req -new -x509 -newkey rsa:2048 -days 7300 -nodes -subj "/CN=check signing key/" \
@@ -155,8 +157,8 @@ while IFS='|' read -r name args; do
 	eval "set -- $args"
 	"$tree/scripts/sign-file" "$@" >/dev/null 2>"$work/err"
 	status=$?
-	[ $status -ne 0 ] && [ -s "$work/err" ] && pass "sign-file fails with a message: $name" ||
-		fail "sign-file fails with a message: $name (status $status)"
+	check "sign-file fails with a message: $name (status $status)" \
+		test $status -ne 0 -a -s "$work/err"
 done <<TABLE
 missing module|sha256 "$work/key.pem" "$work/pub.der" "$work/missing.ko"
 key of another certificate|sha256 "$work/other.pem" "$work/pub.der" "$work/victim.ko"
@@ -165,8 +167,7 @@ missing key|sha256 "$work/none.pem" "$work/pub.der" "$work/victim.ko"
 unknown hash|nohash "$work/key.pem" "$work/pub.der" "$work/victim.ko"
 too few arguments|sha256 "$work/key.pem" "$work/pub.der"
 TABLE
-cmp -s "$work/unsigned.ko" "$work/victim.ko" && pass "a failed signing leaves the module as it was" ||
-	fail "a failed signing leaves the module as it was"
+check "a failed signing leaves the module as it was" cmp -s "$work/unsigned.ko" "$work/victim.ko"
 
 # --- kernel_test.sh, called the way the installer calls it -------------
 # tree, test words, expected status, expected output
@@ -189,9 +190,9 @@ $sha512|guess_module_signing_hash|0|sha512
 $nohash|guess_module_signing_hash|1|
 TABLE
 sh "$script" "gcc" "x86_64" "" ""  guess_module_signing_hash >/dev/null 2>&1
-[ $? -ne 0 ] && pass "kernel_test.sh without a tree fails" || fail "kernel_test.sh without a tree fails"
+check "kernel_test.sh without a tree fails" test $? -ne 0
 sh "$script" "gcc" "x86_64" "$tree" "$tree"  no_such_test >/dev/null 2>&1
-[ $? -ne 0 ] && pass "kernel_test.sh refuses an unknown test" || fail "kernel_test.sh refuses an unknown test"
+check "kernel_test.sh refuses an unknown test" test $? -ne 0
 
 # --- the real kbuild ---------------------------------------------------------
 headers=
@@ -208,8 +209,7 @@ else
 		expect "real kbuild: vGPU mark" 1 "$(field vgpu "$real/vantoria.ko")"
 		expect "real kbuild: vnt_peer_mem_drv.ko name" vnt_peer_mem_drv \
 			"$(field name "$real/vnt_peer_mem/vnt_peer_mem_drv.ko")"
-		grep -qi 'warning' "$work/real.log" && fail "real kbuild warns: $(grep -i warning "$work/real.log" | head -n 3)" ||
-			pass "real kbuild builds without warnings"
+		expect "real kbuild builds without warnings" "" "$(grep -i warning "$work/real.log" | head -n 3)"
 	else
 		fail "real kbuild build against $headers: $(tail -n 5 "$work/real.log")"
 	fi

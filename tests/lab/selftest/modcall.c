@@ -6,6 +6,7 @@
  *   lab-modcall init FILE [PARAMS]     init_module (175) on the mapped file
  *   lab-modcall finit FILE [PARAMS]    finit_module (313) on an open file
  *   lab-modcall delete NAME            delete_module (176), non-blocking
+ *   lab-modcall reboot|kexec -         reboot (169) or kexec_file_load (320)
  */
 #define _GNU_SOURCE
 #include <errno.h>
@@ -20,13 +21,19 @@
 int main(int argc, char **argv)
 {
     if (argc < 3) {
-        fprintf(stderr, "usage: lab-modcall init|finit FILE [PARAMS] | delete NAME\n");
+        fprintf(stderr, "usage: lab-modcall init|finit FILE [PARAMS] | delete NAME | reboot - | kexec -\n");
         return 2;
     }
     const char *params = argc > 3 ? argv[3] : "";
     long r;
     if (strcmp(argv[1], "delete") == 0) {
         r = syscall(176, argv[2], O_NONBLOCK);
+    } else if (strcmp(argv[1], "reboot") == 0) {
+        /* Wrong magic numbers: a kernel that got the call refuses it with
+         * EINVAL and does nothing, so only the lab's EPERM tells. */
+        r = syscall(169, 0, 0, 0, NULL);
+    } else if (strcmp(argv[1], "kexec") == 0) {
+        r = syscall(320, -1, -1, 0, "", 0x8000); /* unknown flag: EINVAL from a kernel */
     } else {
         int fd = open(argv[2], O_RDONLY);
         struct stat st;

@@ -916,4 +916,16 @@ bool lab_available(std::string* why)
     return reason->empty();
 }
 
+bool sample_package_available(std::string* why)
+{
+    std::string missing;
+    for (const char* part : {"/package/.manifest", "/package/kernel/dkms.conf", "/kernel/make_kernel_tree.sh"}) {
+        if (!fs::exists(source_dir + part))
+            missing += (missing.empty() ? "" : ", ") + source_dir + part;
+    }
+    if (why)
+        *why = missing.empty() ? "" : "missing " + missing;
+    return missing.empty();
+}
+
 }  // namespace lab

@@ -152,6 +152,8 @@ private:
 // Root, CAP_SYS_ADMIN, overlayfs, seccomp user notification.  Tests that
 // need the lab skip with the reason otherwise.
 bool lab_available(std::string* why);
+// The sample package and the fake kernel tree generator are in the source tree.
+bool sample_package_available(std::string* why);
 
 }  // namespace lab
 

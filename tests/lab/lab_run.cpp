@@ -3,16 +3,18 @@
 // package with the installer), runs a command in it (an interactive shell
 // when none is given) and says where the host lies.
 //
-//   lab-run [--name NAME] [--release R] [--fresh] [--discard] [--report] [--install] [-- COMMAND...]
+//   lab-run [--name NAME] [--release R] [--discard] [--report] [--install] [[--] COMMAND...]
 //
-//   --name NAME   scratch directory name under <build>/lab-hosts (default lab-run)
-//   --fresh       start from a new host even if NAME exists (the default
-//                 keeps NAME's state only within one lab-run call)
+//   --name NAME   scratch directory under <build>/lab-hosts (default lab-run);
+//                 an earlier host of that name is replaced
+//   --release R   the running kernel of the host (default 6.1.0-lab-amd64)
 //   --install     run the installer from the package directory; the
 //                 command's words are its options
-//   --report      capture the console and then print the exit status, the
+//   --report      capture the console, then print the exit status, the
 //                 console output, the install record and the changed paths
-//   --discard     remove the host afterwards
+//   --discard     remove the host afterwards instead of keeping it
+//
+// The exit status is the command's.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -32,7 +34,7 @@ int usage()
 
 void section(const std::string& title, const std::string& text)
 {
-    std::cout << "== " << title << "\n" << text;
+    std::cout << "== " << title << "\n" << (text.empty() ? "(empty)\n" : text);
     if (!text.empty() && text.back() != '\n')
         std::cout << "\n";
 }
@@ -101,7 +103,6 @@ int main(int argc, char** argv)
             changed += std::string(1, c.kind) + " " + c.path + "\n";
         section("changed paths", changed);
     }
-    if (!discard)
-        std::cerr << "lab host: " << host.dir() << "\n";
-    return r.status;
+    return r.status;  // the host says where it lies as it goes away
+
 }

@@ -434,4 +434,59 @@ TEST(LabHost, ScratchDirectoryIsRemovedUnlessKept)
     fs::remove_all(kept);
 }
 
+TEST(LabPackage, PackageBringsTheSampleAndTheInstaller)
+{
+    LAB_REQUIRE();
+    std::string why;
+    if (!lab::sample_package_available(&why))
+        GTEST_SKIP() << why;
+    lab::Host host;
+    host.package();
+    EXPECT_EQ(host.package_dir(), "/root/quorl-driver");
+    EXPECT_EQ(host.read("/root/quorl-driver/.manifest"), slurp(std::string(LAB_SOURCE_DIR) + "/package/.manifest"));
+    EXPECT_EQ(host.read("/root/quorl-driver/quorl-driver-installer"), slurp(LAB_INSTALLER));
+    EXPECT_EQ(host.mode("/root/quorl-driver/quorl-driver-installer"), 0755u);
+    auto r = host.shell("cd /root/quorl-driver && test -x ./quorl-driver-installer && ls kernel/dkms.conf conf");
+    EXPECT_EQ(r.out, "kernel/dkms.conf\n\nconf:\nvantoriaquorl-init@.service\n");
+}
+
+// The real dkms of this machine over the sample sources and a fake tree:
+// what the installer's DKMS path relies on.
+TEST(LabDkms, AddBuildInstallStatusRemoveCycleOfTheSampleSources)
+{
+    LAB_REQUIRE();
+    std::string why;
+    if (!lab::sample_package_available(&why))
+        GTEST_SKIP() << why;
+    lab::Host host;
+    host.kernel("6.1.0-lab-amd64").kernel_tree("6.1.0-lab-amd64").package();
+    auto r = host.shell(R"(set -e
+exec 3>&1 >/tmp/dkms.log 2>&1
+cp -r /root/quorl-driver/kernel /usr/src/quorl-3.2.1
+sed -i 's/QUORLPLACEHOLDER//' /usr/src/quorl-3.2.1/dkms.conf
+dkms add -m quorl -v 3.2.1
+dkms build quorl/3.2.1 -k 6.1.0-lab-amd64
+dkms install quorl/3.2.1 -k 6.1.0-lab-amd64 --force
+dkms status >&3
+ls /lib/modules/6.1.0-lab-amd64/updates/dkms >&3
+modinfo -F version /lib/modules/6.1.0-lab-amd64/updates/dkms/vantoria.ko >&3
+modinfo -F signer /lib/modules/6.1.0-lab-amd64/updates/dkms/vantoria.ko >&3
+modprobe vantoria
+head -n 1 /proc/modules >&3
+rmmod vantoria
+dkms remove quorl/3.2.1 --all
+dkms status >&3
+test ! -e /lib/modules/6.1.0-lab-amd64/updates/dkms/vantoria.ko && echo removed >&3
+)");
+    EXPECT_EQ(r.status, 0) << host.read("/tmp/dkms.log").value_or("");
+    EXPECT_EQ(r.out,
+              "quorl/3.2.1, 6.1.0-lab-amd64, x86_64: installed\n"
+              "vantoria.ko\n"
+              "vnt_peer_mem_drv.ko\n"
+              "3.2.1\n"
+              "DKMS module signing key\n"
+              "vantoria 4096 0 - Live 0xffffffffc0a00000\n"
+              "removed\n");
+}
+
 }  // namespace

@@ -742,6 +742,7 @@ RunResult Host::run(std::vector<std::string> argv, RunOptions options)
     box.uid = options.uid;
     box.gid = options.gid;
     box.network = options.network;
+    box.timeout = options.timeout;
     if (fs::exists(d + "/proc/cgroup"))
         box.cgroup = d + "/proc/cgroup";
 
@@ -766,7 +767,7 @@ RunResult Host::run(std::vector<std::string> argv, RunOptions options)
     RunResult r;
     r.status = detail::run_sandboxed(box, &error);
     if (!error.empty())
-        fail("the simulated host could not start: " + error);
+        fail("the run in the simulated host failed: " + error);
     if (options.capture) {
         r.out = slurp(d + "/out").value_or("");
         r.err = slurp(d + "/err").value_or("");

@@ -52,6 +52,7 @@ struct RunOptions {
     gid_t gid = 0;
     std::string input;             // standard input; empty gives /dev/null
     bool capture = true;           // false: the command shares this process's terminal
+    unsigned timeout = 600;        // seconds before the run is killed and the test fails; 0 never
 };
 
 struct Change {

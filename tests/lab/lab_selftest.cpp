@@ -89,6 +89,8 @@ TEST(LabRun, CommandsGetTheirStatusStreamsAndOptions)
         EXPECT_EQ(r.out, c.out) << c.argv.back();
         EXPECT_EQ(r.err, c.err) << c.argv.back();
     }
+    // Building and tearing down the host leaves nothing in it.
+    EXPECT_EQ(host.changes(), Changes{});
 }
 
 TEST(LabRun, WritesStayInTheHostAndNothingOutlivesTheRun)
@@ -129,6 +131,8 @@ TEST(LabHost, KernelFacingFilesShowWhatTheTestDescribed)
     LAB_REQUIRE();
     lab::Host host;
     host.kernel("6.1.0-77-amd64")
+        .kernel_tree("6.1.0-77-amd64", {"CONFIG_MODULE_SIG_FORCE=y"})
+        .remove("/etc/debian_version")
         .cmdline("BOOT_IMAGE=/boot/vmlinuz-6.1.0-77-amd64 root=/dev/vda1 ro module.sig_enforce=1\n")
         .proc_modules("ib_core 450560 2 ib_uverbs,rdma_ucm, Live 0xffffffffc0b00000\n"
                       "nvme 57344 0 - Live 0xffffffffc0a00000\n")
@@ -152,8 +156,14 @@ TEST(LabHost, KernelFacingFilesShowWhatTheTestDescribed)
         {"cat /etc/os-release", "ID=debian\nVERSION_ID=\"12\"\n"},
         {"readlink /proc/self/exe", "/usr/bin/readlink\n"},
         {"ls -d /lib/modules/*", "/lib/modules/6.1.0-77-amd64\n"},
-        {"ls /lib/modules/6.1.0-77-amd64", "kernel\nmodules.builtin\nmodules.builtin.modinfo\nmodules.order\n"},
-        {"ls /usr/src /usr/local /var/lib/dkms", "/usr/local:\n\n/usr/src:\n\n/var/lib/dkms:\nmok.key\nmok.pub\n"},
+        {"ls /lib/modules/6.1.0-77-amd64", "build\nkernel\nmodules.builtin\nmodules.builtin.modinfo\nmodules.order\n"},
+        {"readlink /lib/modules/6.1.0-77-amd64/build", "/usr/src/linux-headers-6.1.0-77-amd64\n"},
+        {"grep SIG_FORCE /lib/modules/6.1.0-77-amd64/build/.config", "CONFIG_MODULE_SIG_FORCE=y\n"},
+        {"cat /lib/modules/6.1.0-77-amd64/build/include/generated/utsrelease.h",
+         "#define UTS_RELEASE \"6.1.0-77-amd64\"\n"},
+        {"ls /usr/src /usr/local /var/lib/dkms",
+         "/usr/local:\n\n/usr/src:\nlinux-headers-6.1.0-77-amd64\n\n/var/lib/dkms:\nmok.key\nmok.pub\n"},
+        {"test -e /etc/debian_version || echo hidden", "hidden\n"},
         {"ls /usr/lib | grep -c linux-kbuild", "0\n"},
     };
     for (const auto& c : cases) {

@@ -190,6 +190,18 @@ bool redirect(Setup& s, const std::string& file, int fd, int flags)
     return true;
 }
 
+// Set in the outer child, which holds the namespaces: when a run overstays
+// its time, pid 1 is killed and the whole host goes with it.
+int timeout_fd = -1;
+pid_t timeout_init = 0;
+
+void on_timeout(int)
+{
+    static const char text[] = "the command did not end in time and was killed";
+    (void)!write(timeout_fd, text, sizeof text - 1);
+    kill(timeout_init, SIGKILL);
+}
+
 int decode(int status)
 {
     if (WIFEXITED(status))
@@ -240,6 +252,12 @@ int run_sandboxed(const Sandbox& box, std::string* error)
         if (init == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             become_init(s, box);
+        }
+        if (box.timeout) {
+            timeout_fd = pipefd[1];
+            timeout_init = init;
+            signal(SIGALRM, on_timeout);
+            alarm(box.timeout);
         }
         int status;
         while (waitpid(init, &status, 0) < 0 && errno == EINTR) {

@@ -23,6 +23,7 @@ struct Sandbox {
     uid_t uid = 0;
     gid_t gid = 0;
     bool network = false;
+    unsigned timeout = 0;  // seconds; 0 waits as long as it takes
     std::optional<std::string> cgroup;  // file shown as the command's /proc/self/cgroup
     // Files for the standard streams; empty shares this process's own.
     std::string stdin_file, stdout_file, stderr_file;

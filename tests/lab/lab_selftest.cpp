@@ -80,6 +80,11 @@ TEST(LabRun, CommandsGetTheirStatusStreamsAndOptions)
         {{"wc", "-l"}, with_input, 0, "2\n", ""},
         {{"hostname"}, {}, 0, "lab\n", ""},
         {{"no-such-program"}, {}, 127, "", "lab-launcher: cannot run no-such-program: No such file or directory\n"},
+        // The machine's kernel tunables and device nodes stay out of reach (the
+        // hostname is the host's own, so a failing guard harms nothing here).
+        {{"bash", "-c", "echo other > /proc/sys/kernel/hostname"}, {}, 1, "",
+         "bash: line 1: /proc/sys/kernel/hostname: Read-only file system\n"},
+        {{"mknod", "/tmp/disk", "b", "254", "0"}, {}, 1, "", "mknod: /tmp/disk: Operation not permitted\n"},
         // Without network the host has its loopback and nothing else.
         {{"bash", "-c", "tail -n +3 /proc/net/dev | cut -d: -f1 | tr -d ' '"}, {}, 0, "lo\n", ""},
     };
@@ -106,6 +111,7 @@ TEST(LabRun, WritesStayInTheHostAndNothingOutlivesTheRun)
     const std::vector<std::string> sleeper = {"sleep", "4242"};
 
     lab::Host host;
+    host.directory("/lib/firmware");
     std::string script = "set -e\n";
     for (const auto& p : written)
         script += "echo lab > " + p + "\n";
@@ -370,7 +376,8 @@ TEST(LabHost, ChangesListCreatedModifiedAndDeletedPaths)
         .file("/opt/labdir/f", "f\n")
         .file("/srv/labdir/a", "old\n")
         .file("/srv/labdir/b", "b\n")
-        .symlink("keep", "/etc/lab/relink");
+        .symlink("keep", "/etc/lab/relink")
+        .directory("/lib/firmware");
     auto r = host.shell(R"(set -e
 touch /etc/lab/keep; cat /etc/lab/keep > /dev/null
 echo after > /etc/lab/edit

@@ -89,6 +89,15 @@ bool mount_proc(Setup& s, const Sandbox& box, const std::string& root)
     std::string realproc = root + "/run/realproc";
     if (!s.dir(realproc, 0555) || !s.mount("proc", realproc, "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC))
         return false;
+    // The host shares this machine's kernel: its tunables, sysrq and the
+    // hardware listings stay read-only, as container runtimes keep them.
+    for (const char* guarded : {"sys", "sysrq-trigger", "irq", "bus"}) {
+        std::string p = realproc + "/" + guarded;
+        if (access(p.c_str(), F_OK) != 0)
+            continue;
+        if (!s.bind(p, p) || !s.mount("none", p, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY))
+            return false;
+    }
     std::string proc = root + "/proc";
     if (!s.mount("lab-proc", proc, "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0555"))
         return false;

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -194,6 +193,28 @@ void make_dirs_like_machine(const std::string& layer, const std::string& path)
     }
 }
 
+// Paths of this machine that no host may see: the kbuild scripts whose
+// sign-file dkms would prefer over the host's kernel tree, and whatever an
+// installer may have left here despite everything.
+std::vector<std::string> machine_leftovers()
+{
+    std::vector<std::string> paths;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator("/usr/lib", ec)) {
+        if (e.path().filename().string().rfind("linux-kbuild-", 0) == 0)
+            paths.push_back(e.path().string());
+    }
+    for (const char* leftover :
+         {"/var/log/vantoriaquorl", "/usr/share/vantoria", "/etc/modules-load.d/vantoria.conf",
+          "/etc/modprobe.d/vantoria.conf", "/usr/lib/systemd/system/vantoriaquorl-init@.service",
+          "/usr/lib/firmware/vantoria"}) {
+        if (fs::exists(fs::symlink_status(leftover, ec)))
+            paths.push_back(leftover);
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
 // The layer of stand-ins shared by every host of this build directory, and
 // the parts of this machine that must not show in a host.
 std::string tools_layer()
@@ -204,7 +225,11 @@ std::string tools_layer()
     std::string stub = slurp(source_dir + "/stubs/stub.sh").value_or("");
     if (stub.empty())
         fail("missing " + source_dir + "/stubs/stub.sh");
-    std::string name = cache_dir + "/tools-" + hash_of(stub + build_dir + "v1");
+    std::vector<std::string> leftovers = machine_leftovers();
+    std::string signature = stub + build_dir;
+    for (const auto& p : leftovers)
+        signature += "\n" + p;
+    std::string name = cache_dir + "/tools-" + hash_of(signature);
     std::string keys = mok_keys();
     bool ok = cached(name, [&](const std::string& t) {
         make_dirs_like_machine(t, "/usr/lib/lab");
@@ -220,26 +245,17 @@ std::string tools_layer()
                 detail::make_whiteout(t + "/usr/sbin/" + s);
             }
         }
-        // What this machine has of kernels, module trees and earlier drivers.
-        for (const char* hidden : {"/usr/lib/modules", "/usr/src", "/usr/local", "/var/lib/dkms", "/root"}) {
+        // What this machine has of kernels, module trees and drivers, its
+        // administrator's home, and the build tree with the hosts themselves.
+        for (const std::string& hidden :
+             {std::string("/usr/lib/modules"), std::string("/usr/src"), std::string("/usr/local"),
+              std::string("/var/lib/dkms"), std::string("/root"), build_dir}) {
             make_dirs_like_machine(t, hidden);
             detail::make_opaque(t + hidden);
         }
-        make_dirs_like_machine(t, build_dir);
-        detail::make_opaque(t + build_dir);
-        std::error_code ec;
-        for (const auto& e : fs::directory_iterator("/usr/lib", ec)) {
-            if (e.path().filename().string().rfind("linux-kbuild-", 0) == 0)
-                detail::make_whiteout(t + "/usr/lib/" + e.path().filename().string());
-        }
-        for (const char* leftover :
-             {"/var/log/vantoriaquorl", "/usr/share/vantoria", "/etc/modules-load.d/vantoria.conf",
-              "/etc/modprobe.d/vantoria.conf", "/usr/lib/systemd/system/vantoriaquorl-init@.service",
-              "/usr/lib/firmware/vantoria"}) {
-            if (fs::exists(fs::symlink_status(leftover))) {
-                make_dirs_like_machine(t, fs::path(leftover).parent_path().string());
-                detail::make_whiteout(t + leftover);
-            }
+        for (const auto& p : leftovers) {
+            make_dirs_like_machine(t, fs::path(p).parent_path().string());
+            detail::make_whiteout(t + p);
         }
         fs::copy_file(keys + "/mok.key", t + "/var/lib/dkms/mok.key");
         fs::copy_file(keys + "/mok.pub", t + "/var/lib/dkms/mok.pub");

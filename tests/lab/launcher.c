@@ -410,13 +410,26 @@ static int do_init_module(const struct seccomp_notif *req)
     return err;
 }
 
+static const char *root_dir;
+
+/* The caller's descriptor: through a pidfd, or, for a thread that is not
+ * its process's leader, through the namespace's own proc. */
+static int caller_fd(pid_t pid, int number)
+{
+    int pidfd = (int)syscall(SYS_pidfd_open, pid, 0);
+    if (pidfd >= 0) {
+        int fd = (int)syscall(SYS_pidfd_getfd, pidfd, number, 0);
+        close(pidfd);
+        return fd;
+    }
+    char path[4200];
+    snprintf(path, sizeof path, "%s/run/realproc/%d/fd/%d", root_dir, (int)pid, number);
+    return open(path, O_RDONLY | O_CLOEXEC);
+}
+
 static int do_finit_module(const struct seccomp_notif *req)
 {
-    int pidfd = (int)syscall(SYS_pidfd_open, req->pid, 0);
-    if (pidfd < 0)
-        return ESRCH;
-    int fd = (int)syscall(SYS_pidfd_getfd, pidfd, (int)req->data.args[0], 0);
-    close(pidfd);
+    int fd = caller_fd((pid_t)req->pid, (int)req->data.args[0]);
     if (fd < 0)
         return EBADF;
     struct stat st;
@@ -634,6 +647,7 @@ int main(int argc, char **argv)
     if (!o.root || !state_dir || i >= argc)
         usage();
     o.argv = argv + i;
+    root_dir = o.root;
 
     char *release_path = state_path("lab/release");
     char *r = slurp(release_path, NULL);

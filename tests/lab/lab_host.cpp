@@ -302,8 +302,9 @@ struct Host::Impl {
                    {{"proc", "modules"}, dir + "/proc/modules"},
                    {{"proc", "cmdline"}, dir + "/proc/cmdline"},
                    {{"proc", "version"}, dir + "/proc/version"},
+                   {{"run"}, fixture() + "/run"},
                    {{"run", "lab"}, dir + "/lab"}};
-        v.fresh = {{"proc"}, {"dev"}, {"run"}};
+        v.fresh = {{"proc"}, {"dev"}};
         return v;
     }
 
@@ -445,7 +446,7 @@ Host::Host(std::string name) : impl_(new Impl)
     std::error_code ec;
     fs::remove_all(impl_->dir, ec);
     const std::string& d = impl_->dir;
-    for (const char* sub : {"fixture", "upper", "work", "rt", "proc", "lab/calls", "lab/answers", "lab/modules",
+    for (const char* sub : {"fixture/run", "upper", "work", "rt", "proc", "lab/calls", "lab/answers", "lab/modules",
                             "sys/bus/pci/devices", "sys/bus/pci/drivers", "sys/devices/pci0000:00", "sys/module",
                             "sys/firmware", "sys/kernel", "sys/class"})
         fs::create_directories(d + "/" + sub);

@@ -131,7 +131,8 @@ public:
     mode_t mode(std::string path) const;  // permission bits, 0 when missing
     std::vector<std::string> list(std::string dir) const;  // sorted names
     // Paths created, modified and deleted by the runs, sorted by path.
-    // /tmp, /proc, /sys, /dev and /run are not part of it.
+    // /tmp, /proc, /sys, /dev and /run are not part of it.  /run is a fresh
+    // tmpfs at each run, filled with what the test put there with file().
     std::vector<Change> changes() const;
     std::vector<std::string> calls(std::string tool) const;
     std::string kernel_log() const;

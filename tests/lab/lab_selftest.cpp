@@ -143,6 +143,7 @@ TEST(LabHost, KernelFacingFilesShowWhatTheTestDescribed)
         .proc_modules("ib_core 450560 2 ib_uverbs,rdma_ucm, Live 0xffffffffc0b00000\n"
                       "nvme 57344 0 - Live 0xffffffffc0a00000\n")
         .secure_boot(std::string("\x06\0\0\0\x01", 5))
+        .file("/run/systemd/journal/socket", "")
         .os_release("ID=debian\nVERSION_ID=\"12\"\n");
     struct Case {
         std::string command, out;
@@ -160,6 +161,8 @@ TEST(LabHost, KernelFacingFilesShowWhatTheTestDescribed)
         {"od -An -tx1 /sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c",
          " 06 00 00 00 01\n"},
         {"cat /etc/os-release", "ID=debian\nVERSION_ID=\"12\"\n"},
+        {"ls /run/systemd/journal; touch /run/gone-at-next-boot", "socket\n"},
+        {"ls /run", "lab\nlock\nrealproc\nsystemd\n"},
         {"readlink /proc/self/exe", "/usr/bin/readlink\n"},
         {"ls -d /lib/modules/*", "/lib/modules/6.1.0-77-amd64\n"},
         {"ls /lib/modules/6.1.0-77-amd64", "build\nkernel\nmodules.builtin\nmodules.builtin.modinfo\nmodules.order\n"},

@@ -161,7 +161,17 @@ bool mount_dev(Setup& s, const std::string& root)
     if (!s.dir(root, 0755) || !s.mount("lab-root", root, "overlay", 0, options))
         s.die();
     if (!s.mount("lab-run", root + "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") ||
-        !s.dir(root + "/run/lock", 01777) || !s.dir(root + "/run/lab", 0755) ||
+        !s.dir(root + "/run/lock", 01777))
+        s.die();
+    // /run starts each boot with what the test put there (say a journal
+    // socket) and forgets what the run added.
+    struct stat st;
+    if (lstat((box.scratch + "/fixture/run").c_str(), &st) == 0 &&
+        !copy_layer(box.scratch + "/fixture/run", root + "/run", &error)) {
+        s.failure = "fill /run: " + error;
+        s.die();
+    }
+    if (!s.dir(root + "/run/lab", 0755) ||
         !s.bind(box.scratch + "/lab", root + "/run/lab") || !mount_proc(s, box, root) ||
         !s.bind(box.scratch + "/sys", root + "/sys") || !mount_dev(s, root) ||
         !s.bind(box.scratch + "/tmp", root + "/tmp"))

@@ -472,6 +472,22 @@ Host::~Host()
     delete impl_;
 }
 
+namespace {
+
+// What depmod needs of a kernel's module directory before it accepts it.
+void module_skeleton(Host& host, const std::string& release)
+{
+    std::string m = "/usr/lib/modules/" + release;
+    for (const char* f : {"modules.order", "modules.builtin", "modules.builtin.modinfo"}) {
+        if (!host.exists(m + "/" + f))
+            host.file(m + "/" + f, "");
+    }
+    if (!host.exists(m + "/kernel"))
+        host.directory(m + "/kernel");
+}
+
+}  // namespace
+
 Host& Host::kernel(std::string release)
 {
     impl_->release = release;
@@ -479,13 +495,7 @@ Host& Host::kernel(std::string release)
     spit(impl_->dir + "/lab/release", release + "\n");
     spit(impl_->dir + "/proc/version",
          "Linux version " + release + " (lab@lab) (gcc, GNU ld) #1 SMP PREEMPT_DYNAMIC Debian (lab)\n");
-    std::string m = "/usr/lib/modules/" + release;
-    for (const char* f : {"modules.order", "modules.builtin", "modules.builtin.modinfo"}) {
-        if (!exists(m + "/" + f))
-            file(m + "/" + f, "");
-    }
-    if (!exists(m + "/kernel"))
-        directory(m + "/kernel");
+    module_skeleton(*this, release);
     return *this;
 }
 
@@ -518,14 +528,8 @@ Host& Host::kernel_tree(std::string release, std::vector<std::string> config)
     std::string error;
     if (!detail::copy_layer(tree + "/tree", dest, &error))
         fail("copy the kernel tree: " + error);
-    std::string m = "/usr/lib/modules/" + release;
-    for (const char* f : {"modules.order", "modules.builtin", "modules.builtin.modinfo"}) {
-        if (!exists(m + "/" + f))
-            file(m + "/" + f, "");
-    }
-    if (!exists(m + "/kernel"))
-        directory(m + "/kernel");
-    symlink("/usr/src/linux-headers-" + release, m + "/build");
+    module_skeleton(*this, release);
+    symlink("/usr/src/linux-headers-" + release, "/usr/lib/modules/" + release + "/build");
     return *this;
 }
 

@@ -526,44 +526,48 @@ static int install_filter(void)
     return (int)syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &prog);
 }
 
-static void send_fd(int sock, int fd)
-{
-    char dummy = 'x';
-    struct iovec iov = {&dummy, 1};
+/* One byte carrying one descriptor, the listener handed from child to parent. */
+struct fd_message {
+    char byte;
+    struct iovec iov;
     union {
         char buf[CMSG_SPACE(sizeof(int))];
         struct cmsghdr align;
-    } u;
-    struct msghdr msg = {0};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = u.buf;
-    msg.msg_controllen = sizeof u.buf;
-    struct cmsghdr *c = CMSG_FIRSTHDR(&msg);
+    } control;
+    struct msghdr msg;
+};
+
+static void fd_message_init(struct fd_message *m)
+{
+    memset(m, 0, sizeof *m);
+    m->iov.iov_base = &m->byte;
+    m->iov.iov_len = 1;
+    m->msg.msg_iov = &m->iov;
+    m->msg.msg_iovlen = 1;
+    m->msg.msg_control = m->control.buf;
+    m->msg.msg_controllen = sizeof m->control.buf;
+}
+
+static void send_fd(int sock, int fd)
+{
+    struct fd_message m;
+    fd_message_init(&m);
+    struct cmsghdr *c = CMSG_FIRSTHDR(&m.msg);
     c->cmsg_level = SOL_SOCKET;
     c->cmsg_type = SCM_RIGHTS;
     c->cmsg_len = CMSG_LEN(sizeof(int));
     memcpy(CMSG_DATA(c), &fd, sizeof fd);
-    if (sendmsg(sock, &msg, 0) != 1)
+    if (sendmsg(sock, &m.msg, 0) != 1)
         die("sendmsg");
 }
 
 static int recv_fd(int sock)
 {
-    char dummy;
-    struct iovec iov = {&dummy, 1};
-    union {
-        char buf[CMSG_SPACE(sizeof(int))];
-        struct cmsghdr align;
-    } u;
-    struct msghdr msg = {0};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = u.buf;
-    msg.msg_controllen = sizeof u.buf;
-    if (recvmsg(sock, &msg, 0) != 1)
+    struct fd_message m;
+    fd_message_init(&m);
+    if (recvmsg(sock, &m.msg, 0) != 1)
         return -1;
-    struct cmsghdr *c = CMSG_FIRSTHDR(&msg);
+    struct cmsghdr *c = CMSG_FIRSTHDR(&m.msg);
     if (!c || c->cmsg_type != SCM_RIGHTS)
         return -1;
     int fd;

@@ -40,7 +40,7 @@ struct Card {
 };
 
 struct RunResult {
-    int status = -1;  // exit status, or 128+signal
+    int status = -1;  // exit status, or 128+signal; 125 when the lab itself failed (and the test with it)
     std::string out, err;
 };
 
@@ -89,7 +89,9 @@ public:
     // The module list; /sys/module follows it before each run.
     Host& proc_modules(std::string);
     // What /proc/self/cgroup shows to the command's own process (not to the
-    // commands it starts); nullopt shows the real one.
+    // commands it starts); nullopt shows the real one.  A new host shows a
+    // plain host's "0::/user.slice/user-0.slice/session-1.scope", whatever
+    // this machine runs in.
     Host& cgroup(std::optional<std::string>);
     Host& os_release(std::string);
     Host& file(std::string path, std::string content, mode_t mode = 0644);

@@ -76,4 +76,62 @@ TEST(CommandLine, ParseErrorsEndWithTheLibrarysCodes) {
     }
 }
 
+const std::string failed_32 =
+    "Quorl Driver installation failed. error code:32\nLogfile is /var/log/vantoriaquorl/driver_installer.log\n";
+
+TEST(Run, FailedRunReportsItsCodeAndStillWritesTheRecord) {
+    LAB_REQUIRE();
+    lab::Host host;
+    host.package();  // no kernel tree: preparation fails with 32
+    lab::RunResult r = host.install();
+    EXPECT_EQ(r.status, 32);
+    EXPECT_EQ(r.err, "kernel source is not ready.\n" + failed_32);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(host.record(), "QUORL /usr/local/quorl-3.2.1/\nDIR /usr/local/quorl-3.2.1/\n");
+
+    r = host.install({"--prefix", "/opt/vendor"});
+    EXPECT_EQ(r.status, 32);
+    EXPECT_EQ(host.record(), "QUORL /opt/vendor/quorl-3.2.1/\nDIR /opt/vendor/quorl-3.2.1/\nDIR /opt/vendor/\n");
+    EXPECT_NE(host.log().find("Debug: driver prefix is /opt/vendor/quorl-3.2.1/.\nDebug: PARAMS://\n"),
+              std::string::npos)
+        << host.log();
+}
+
+TEST(Run, QuietModeLeavesTheResultToTheFileAndTheExitStatus) {
+    LAB_REQUIRE();
+    lab::Host host;
+    host.package();
+    const lab::RunResult r = host.install({"--qxquiet"});
+    EXPECT_EQ(r.status, 32);
+    // Level 5 reaches the console even in quiet mode; the result does not.
+    EXPECT_EQ(r.err, "kernel source is not ready.\n");
+    const std::string log = host.log();
+    EXPECT_EQ(log.substr(log.size() - std::min(log.size(), ("Emerge: kernel source is not ready.\n" + failed_32).size())),
+              "Emerge: kernel source is not ready.\n" + failed_32);
+}
+
+TEST(Run, KeyPathsAreResolvedFromTheCallersDirectoryButThePrefixIsNot) {
+    LAB_REQUIRE();
+    lab::Host host;
+    host.kernel(lab::default_release).kernel_tree(lab::default_release).package();
+    const std::vector<std::string> args = {"--prefix", "rel/dir", "--module-signing-secret-key", "keys/k.key",
+                                           "--module-signing-public-key", "keys/k.der"};
+    lab::RunOptions from_admin;
+    from_admin.env = {"__QX_PWD=/home/admin"};
+    lab::RunResult r = host.install(args, from_admin);
+    EXPECT_EQ(r.status, 11);
+    EXPECT_EQ(r.err,
+              "Module signature key given but not exists.\nPrivate Key:/home/admin/keys/k.key\n"
+              "Public Key:/home/admin/keys/k.der\nQuorl Driver installation failed. error code:11\n"
+              "Logfile is /var/log/vantoriaquorl/driver_installer.log\n");
+    EXPECT_NE(host.log().find("Debug: driver prefix is rel/dir/quorl-3.2.1/.\n"), std::string::npos);
+    EXPECT_NE(host.log().find("Debug: Check on private key:/home/admin/keys/k.key public key:/home/admin/keys/k.der\n"),
+              std::string::npos);
+
+    // Without the caller's directory the paths stay as typed.
+    r = host.install(args);
+    EXPECT_EQ(r.status, 11);
+    EXPECT_NE(r.err.find("Private Key:keys/k.key\nPublic Key:keys/k.der\n"), std::string::npos) << r.err;
+}
+
 }  // namespace

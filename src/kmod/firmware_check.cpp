@@ -54,9 +54,8 @@ uint32_t read_register(const void* base, size_t offset) {
 
 }  // namespace
 
-std::vector<std::string> list_gpu_devices() { return list_gpu_devices_in("/sys/bus/pci/devices/"); }
-
-std::vector<std::string> list_gpu_devices_in(const std::string& devices_dir) {
+std::vector<std::string> list_gpu_devices() {
+    const std::string devices_dir = "/sys/bus/pci/devices/";
     std::vector<std::string> devices;
     DIR* dir = opendir(devices_dir.c_str());
     if (dir == nullptr) return devices;

@@ -19,8 +19,6 @@ struct ChipInfo {
 
 // The sysfs directories of the vendor's PCI devices, in directory order.
 std::vector<std::string> list_gpu_devices();
-// The same below another directory that stands for /sys/bus/pci/devices/ (ends in "/").
-std::vector<std::string> list_gpu_devices_in(const std::string& devices_dir);
 
 // Fills `chip` from the device's sysfs directory and, for a TR chip held by
 // our driver, from its registers: 0 when `chip` may be looked at, -1 on failure.

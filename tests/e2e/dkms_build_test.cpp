@@ -20,7 +20,7 @@ const std::string conf = package_dir + "/./kernel/dkms.conf";
 // keeps its files, and removes them through the DKMS record.
 const std::vector<std::string> dkms_roots = {"/usr/lib/firmware", "/usr/local", "/usr/share/vantoria"};
 
-TEST(DkmsBuild, InstallRegistersBuildsAndLoadsTheModule) {
+TEST(DkmsBuildOnHost, InstallRegistersBuildsAndLoadsTheModule) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -55,7 +55,7 @@ TEST(DkmsBuild, InstallRegistersBuildsAndLoadsTheModule) {
 
 // dkms stands in by a recording stub where the real one cannot be made to
 // fail at the wanted step.
-TEST(DkmsBuild, EachFailureCodeWithItsMessage) {
+TEST(DkmsBuildOnHost, EachFailureCodeWithItsMessage) {
     LAB_REQUIRE();
     struct Case {
         const char* story;
@@ -159,7 +159,7 @@ TEST(DkmsBuild, EachFailureCodeWithItsMessage) {
     }
 }
 
-TEST(DkmsBuild, ReinstallOverAnOlderRegistration) {
+TEST(DkmsBuildOnHost, ReinstallOverAnOlderRegistration) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -189,7 +189,7 @@ TEST(DkmsBuild, ReinstallOverAnOlderRegistration) {
     EXPECT_TRUE(lacks(host.record(), "3.1.0"));
 }
 
-TEST(DkmsBuild, ABuildForAKernelThatIsNotRunning) {
+TEST(DkmsBuildOnHost, ABuildForAKernelThatIsNotRunning) {
     LAB_REQUIRE();
     const std::string other = "6.1.0-other-amd64";
     lab::Host host;
@@ -210,7 +210,7 @@ TEST(DkmsBuild, ABuildForAKernelThatIsNotRunning) {
 
 // Under signing dkms may need the terminal, so the build runs as a child
 // that shares the installer's streams instead of a pipe.
-TEST(DkmsBuild, SignedBuildRunsOnTheTerminal) {
+TEST(DkmsBuildOnHost, SignedBuildRunsOnTheTerminal) {
     LAB_REQUIRE();
     lab::Host host;
     host.kernel(release).kernel_tree(release, {"CONFIG_MODULE_SIG_FORCE=y"}).card({}).package();
@@ -231,7 +231,7 @@ TEST(DkmsBuild, SignedBuildRunsOnTheTerminal) {
 // With dkms answering but building nothing, there is no module file to try:
 // modprobe loads by name, and with OFED and ib_core listed first the
 // peer-memory module is asked for too.
-TEST(DkmsBuild, NoModuleFileSkipsTheDirectLoad) {
+TEST(DkmsBuildOnHost, NoModuleFileSkipsTheDirectLoad) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);

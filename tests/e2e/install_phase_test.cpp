@@ -16,7 +16,7 @@ const std::vector<std::string> firmware_files = {"/lib/firmware/vantoria/tr/tr_p
                                                  "/lib/firmware/vantoria/tr_boot.bin",
                                                  "/lib/firmware/vantoria/tr_fw.bin"};
 
-TEST(InstallPhase, FirmwareIsCopiedAndTheSystemsDirectoryIsNotRecorded) {
+TEST(InstallPhaseOnHost, FirmwareIsCopiedAndTheSystemsDirectoryIsNotRecorded) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -33,7 +33,7 @@ TEST(InstallPhase, FirmwareIsCopiedAndTheSystemsDirectoryIsNotRecorded) {
     EXPECT_EQ(unrecorded(host, installed_roots), std::vector<std::string>{});
 }
 
-TEST(InstallPhase, AFirmwareDirectoryMadeByTheRunIsRecordedLast) {
+TEST(InstallPhaseOnHost, AFirmwareDirectoryMadeByTheRunIsRecordedLast) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -46,7 +46,7 @@ TEST(InstallPhase, AFirmwareDirectoryMadeByTheRunIsRecordedLast) {
 
 // The firmware step fails only when no shell starts; a package without
 // firmware goes on unnoticed.
-TEST(InstallPhase, APackageWithoutFirmwareGoesOn) {
+TEST(InstallPhaseOnHost, APackageWithoutFirmwareGoesOn) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -57,7 +57,7 @@ TEST(InstallPhase, APackageWithoutFirmwareGoesOn) {
     EXPECT_TRUE(lacks(host.log(), "Failed to install firmware."));
 }
 
-TEST(InstallPhase, VgpuDependenciesAreTriedInOrderAndNeverStopTheRun) {
+TEST(InstallPhaseOnHost, VgpuDependenciesAreTriedInOrderAndNeverStopTheRun) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -74,7 +74,7 @@ TEST(InstallPhase, VgpuDependenciesAreTriedInOrderAndNeverStopTheRun) {
     EXPECT_EQ(modinfo_field(host, "vgpu", module_dir + "vantoria.ko"), "1");
 }
 
-TEST(InstallPhase, ChoiceOfTheBuildPath) {
+TEST(InstallPhaseOnHost, ChoiceOfTheBuildPath) {
     LAB_REQUIRE();
     struct Case {
         const char* story;
@@ -106,7 +106,7 @@ TEST(InstallPhase, ChoiceOfTheBuildPath) {
     }
 }
 
-TEST(InstallPhase, UserSpaceTreeIsCopiedRecordedAndLinked) {
+TEST(InstallPhaseOnHost, UserSpaceTreeIsCopiedRecordedAndLinked) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -134,7 +134,7 @@ TEST(InstallPhase, UserSpaceTreeIsCopiedRecordedAndLinked) {
     EXPECT_EQ(unrecorded(host, installed_roots), std::vector<std::string>{});
 }
 
-TEST(InstallPhase, ATakenLibNameIsLeftAloneAndRecordedAllTheSame) {
+TEST(InstallPhaseOnHost, ATakenLibNameIsLeftAloneAndRecordedAllTheSame) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -146,7 +146,7 @@ TEST(InstallPhase, ATakenLibNameIsLeftAloneAndRecordedAllTheSame) {
     EXPECT_TRUE(in_order(host.record(), {"RLINK " + prefix + "/lib \n"}));
 }
 
-TEST(InstallPhase, AFailedCopyOfTheUserSpaceTreeEndsWith39) {
+TEST(InstallPhaseOnHost, AFailedCopyOfTheUserSpaceTreeEndsWith39) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -162,7 +162,7 @@ TEST(InstallPhase, AFailedCopyOfTheUserSpaceTreeEndsWith39) {
     EXPECT_TRUE(in_order(host.record(), {"FILE " + module_dir + "vantoria.ko "}));
 }
 
-TEST(InstallPhase, AFailedDkmsBuildLeavesThePrefixWithoutTheUserSpaceTree) {
+TEST(InstallPhaseOnHost, AFailedDkmsBuildLeavesThePrefixWithoutTheUserSpaceTree) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);

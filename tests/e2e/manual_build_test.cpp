@@ -15,7 +15,7 @@ namespace {
 
 const std::string installed_module = module_dir + "vantoria.ko";
 
-TEST(ManualBuild, InstallLoadsTheModuleAndPassesTheFirmwareCheck) {
+TEST(ManualBuildOnHost, InstallLoadsTheModuleAndPassesTheFirmwareCheck) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -48,7 +48,7 @@ TEST(ManualBuild, InstallLoadsTheModuleAndPassesTheFirmwareCheck) {
 
 // One host per failure, set up in a line or two; the code, the words that
 // tell it, and what the record keeps.
-TEST(ManualBuild, EachFailureCodeWithItsMessage) {
+TEST(ManualBuildOnHost, EachFailureCodeWithItsMessage) {
     LAB_REQUIRE();
     struct Case {
         const char* story;
@@ -143,7 +143,7 @@ TEST(ManualBuild, EachFailureCodeWithItsMessage) {
 }
 
 // The check reads each card's registers after the load; one good card is enough.
-TEST(ManualBuild, FirmwareCheckAfterTheLoad) {
+TEST(ManualBuildOnHost, FirmwareCheckAfterTheLoad) {
     LAB_REQUIRE();
     lab::Card old_card;
     old_card.firmware = 0x01000008;
@@ -218,7 +218,7 @@ std::vector<std::string> temporary_keys(lab::Host& host) {
 
 const std::vector<std::string> signing_tree = {"CONFIG_MODULE_SIG_FORCE=y", "CONFIG_MODULE_SIG_HASH=\"sha512\""};
 
-TEST(ManualBuild, KeyRefusedUnderSigningWithGeneratedKeys) {
+TEST(ManualBuildOnHost, KeyRefusedUnderSigningWithGeneratedKeys) {
     LAB_REQUIRE();
     lab::Host host;
     host.kernel(release).kernel_tree(release, signing_tree).card({}).package();
@@ -270,7 +270,7 @@ TEST(ManualBuild, KeyRefusedUnderSigningWithGeneratedKeys) {
 // peer-memory module be built, signed with the same pair and copied, but not
 // loaded. The second signature clears the generated flag, so the pair stays
 // in /tmp, unsaved, and the run goes on.
-TEST(ManualBuild, KeyRefusedWithOfedBuildsThePeerModuleWithoutLoadingIt) {
+TEST(ManualBuildOnHost, KeyRefusedWithOfedBuildsThePeerModuleWithoutLoadingIt) {
     LAB_REQUIRE();
     lab::Host host;
     host.kernel(release).kernel_tree(release, signing_tree).card({}).package();
@@ -302,7 +302,7 @@ TEST(ManualBuild, KeyRefusedWithOfedBuildsThePeerModuleWithoutLoadingIt) {
 // The peer-memory step asks whether ib_core is the first module listed; once
 // the main module is loaded it is listed first itself, so a good load skips
 // the peer-memory module even where OFED and ib_core are present.
-TEST(ManualBuild, AfterAGoodLoadThePeerModuleIsSkippedEvenWithOfed) {
+TEST(ManualBuildOnHost, AfterAGoodLoadThePeerModuleIsSkippedEvenWithOfed) {
     LAB_REQUIRE();
     lab::Host host;
     usual_host(host);
@@ -316,7 +316,7 @@ TEST(ManualBuild, AfterAGoodLoadThePeerModuleIsSkippedEvenWithOfed) {
     EXPECT_FALSE(host.exists(module_dir + "vnt_peer_mem_drv.ko"));
 }
 
-TEST(ManualBuild, UserKeysAreUsedWhereTheyLieAndNeverCopied) {
+TEST(ManualBuildOnHost, UserKeysAreUsedWhereTheyLieAndNeverCopied) {
     LAB_REQUIRE();
     lab::Host host;
     // A tree that does not say its hash: sha256 is guessed.
@@ -354,7 +354,7 @@ TEST(ManualBuild, UserKeysAreUsedWhereTheyLieAndNeverCopied) {
 
 // A kernel tree for another release: built, copied and recorded, depmod run,
 // and no load tried.
-TEST(ManualBuild, ABuildForAKernelThatIsNotRunning) {
+TEST(ManualBuildOnHost, ABuildForAKernelThatIsNotRunning) {
     LAB_REQUIRE();
     const std::string other = "6.1.0-other-amd64";
     lab::Host host;

@@ -1,15 +1,10 @@
 #include "kmod/firmware_check.hpp"
 
-#include <algorithm>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 
 #include "../test_support.hpp"
 #include "app/log.hpp"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -98,94 +93,6 @@ TEST(FirmwareCheck, MessagesOfTheJudgement) {
               "Debug: For 0000:02:00.0 check firmware passed.\n"
               "Debug: skip for 0000:03:00.0: chip.status -1\n"
               "Debug: skip non-TR 0000:04:00.0 chip check\n");
-}
-
-// A device directory as sysfs shows it, with a file standing in for BAR 2.
-class FakeDevices : public ::testing::Test {
-protected:
-    std::string device(const std::string& name, const std::string& vendor, const std::string& device_id) {
-        const std::string path = dir / ("devices/" + name);
-        if (!vendor.empty()) dir.write("devices/" + name + "/vendor", vendor);
-        if (!device_id.empty()) dir.write("devices/" + name + "/device", device_id);
-        fs::create_directories(path);
-        return path;
-    }
-    void bind(const std::string& device_path, const std::string& driver) {
-        fs::create_directories(dir / ("drivers/" + driver));
-        fs::create_symlink(dir / ("drivers/" + driver), device_path + "/driver");
-    }
-    void registers(const std::string& device_path, uint32_t firmware, uint32_t identity) {
-        std::string bar(0x8000, '\0');
-        memcpy(&bar[0x78A8], &firmware, 4);
-        memcpy(&bar[0x78C0], &identity, 4);
-        std::ofstream(device_path + "/resource2", std::ios::binary) << bar;
-    }
-    TempDir dir;
-};
-
-TEST_F(FakeDevices, ListsTheVendorsDevicesThroughTheirLinks) {
-    device("real/0000:01:00.0", "0x1f5d\n", "0x0002\n");
-    device("real/0000:02:00.0", "0x8086\n", "0x1234\n");
-    device("real/0000:03:00.0", "0x1F5D", "0x0003\n");
-    device("real/0000:04:00.0", "", "0x0002\n");  // no vendor file
-    fs::create_directories(dir / "bus");
-    for (const char* name : {"0000:01:00.0", "0000:02:00.0", "0000:03:00.0", "0000:04:00.0"})
-        fs::create_symlink(dir / (std::string("devices/real/") + name), dir / (std::string("bus/") + name));
-    fs::create_directories(dir / "bus/.hidden");
-    std::vector<std::string> found = list_gpu_devices_in(dir / "bus/");
-    std::sort(found.begin(), found.end());
-    EXPECT_EQ(found, (std::vector<std::string>{dir / "bus/0000:01:00.0", dir / "bus/0000:03:00.0"}));
-    EXPECT_TRUE(list_gpu_devices_in(dir / "missing/").empty());
-}
-
-TEST_F(FakeDevices, ReadsTheChipOfEachKindOfDevice) {
-    const std::string ours = device("0000:01:00.0", "0x1f5d\n", "0x0002\n");
-    bind(ours, "vantoria");
-    registers(ours, 0x01000009, 0x04000003);
-    ChipInfo info;
-    ASSERT_EQ(read_chip_info(ours, info), 0);
-    EXPECT_STREQ(info.pci_name, "0000:01:00.0");
-    EXPECT_STREQ(info.driver_name, "vantoria");
-    EXPECT_STREQ(info.firmware_text, "1.0.9");
-    EXPECT_EQ(info.firmware_raw, 0x01000009u);
-    EXPECT_EQ(info.device_id, 2u);
-    EXPECT_EQ(info.ident_high, 2u);
-    EXPECT_EQ(info.ident_low, 3u);
-    EXPECT_EQ(info.status, 0);
-
-    // The older driver's name counts as ours; no driver at all is read the same way.
-    const std::string older = device("0000:02:00.0", "0x1f5d\n", "0x0002\n");
-    bind(older, "qv_driver");
-    registers(older, 0x01000008, 0);
-    ASSERT_EQ(read_chip_info(older, info), 0);
-    EXPECT_STREQ(info.driver_name, "qv_driver");
-    EXPECT_EQ(info.firmware_raw, 0x01000008u);
-    const std::string unbound = device("0000:03:00.0", "0x1f5d\n", "0x0002\n");
-    registers(unbound, 0x01000109, 0);
-    ASSERT_EQ(read_chip_info(unbound, info), 0);
-    EXPECT_STREQ(info.driver_name, "");
-    EXPECT_STREQ(info.firmware_text, "1.1.9");
-
-    // Another driver's card is not read: it has no resource2 here, and no failure follows.
-    const std::string foreign = device("0000:04:00.0", "0x1f5d\n", "0x0002\n");
-    bind(foreign, "vfio-pci");
-    ASSERT_EQ(read_chip_info(foreign, info), 0);
-    EXPECT_EQ(info.status, -1);
-    EXPECT_STREQ(info.driver_name, "vfio-pci");
-    EXPECT_EQ(info.firmware_raw, 0u);
-
-    // Another chip line: kept, nothing else read.
-    const std::string other_chip = device("0000:05:00.0", "0x1f5d\n", "0x0003\n");
-    ASSERT_EQ(read_chip_info(other_chip, info), 0);
-    EXPECT_EQ(info.device_id, 3u);
-    EXPECT_STREQ(info.pci_name, "0000:05:00.0");
-
-    // Failures: no device file, and our card without its register file.
-    EXPECT_EQ(read_chip_info(device("0000:06:00.0", "0x1f5d\n", ""), info), -1);
-    EXPECT_STREQ(info.pci_name, "0000:06:00.0");
-    const std::string no_bar = device("0000:07:00.0", "0x1f5d\n", "0x0002\n");
-    bind(no_bar, "vantoria");
-    EXPECT_EQ(read_chip_info(no_bar, info), -1);
 }
 
 }  // namespace

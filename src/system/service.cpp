@@ -102,6 +102,11 @@ bool equals_ignore_case(const std::string& a, const std::string& b) {
     return folded(a) == folded(b);
 }
 
+bool pci_timeout_wanted(const std::string& host_arch, const std::string& os_id) {
+    // The architecture is asked first, the distribution only after a match.
+    return equals_ignore_case(host_arch, "aarch64") && equals_ignore_case(os_id, "Kylin");
+}
+
 std::string service_instance_name(int32_t peer_memory_state) {
     // Listed at all, in use or not, the peer-memory module is the service's to handle too.
     if (peer_memory_state == 0) return "vantoriaquorl-init@vantoria";
@@ -139,7 +144,7 @@ int install_services(const DriverInstaller& installer) {
         if (!inside_docker() || spec.name.find("vantoriaquorl-init@") == std::string::npos) continue;
         log_message(3, "DKMS won't work inside docker. skip it.\n");
         // Only inside docker, and never on a host: there the script is not ours to run.
-        if (equals_ignore_case(installer.host_arch, "aarch64") && equals_ignore_case(installer.os_id, "Kylin")) {
+        if (pci_timeout_wanted(installer.host_arch, installer.os_id)) {
             run_pci_timeout_script(installer.driver_prefix);
         } else {
             log_message(2, "Skip pci_timeout set.\n");

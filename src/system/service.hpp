@@ -30,6 +30,9 @@ bool query_service_status(const std::string& name, int32_t& pid, int32_t& status
 // Compares after folding the ASCII capitals only; no locale takes part.
 bool equals_ignore_case(const std::string& a, const std::string& b);
 
+// Whether the PCI timeout script is to run in a container: aarch64 Kylin only.
+bool pci_timeout_wanted(const std::string& host_arch, const std::string& os_id);
+
 // The unit name for the state of the peer-memory module in /proc/modules: its
 // instance lists the modules that the service handles.
 std::string service_instance_name(int32_t peer_memory_state);

@@ -28,6 +28,17 @@ TEST(Service, EqualsIgnoreCaseFoldsAsciiCapitalsOnly) {
     for (const Case& c : cases) EXPECT_EQ(equals_ignore_case(c.a, c.b), c.equal) << c.a << " / " << c.b;
 }
 
+TEST(Service, PciTimeoutOnlyOnAarch64Kylin) {
+    struct Case {
+        std::string arch, os;
+        bool wanted;
+    } cases[] = {
+        {"aarch64", "Kylin", true},   {"AARCH64", "kylin", true}, {"x86_64", "Kylin", false},
+        {"aarch64", "debian", false}, {"aarch64", "", false},     {"", "Kylin", false},
+    };
+    for (const Case& c : cases) EXPECT_EQ(pci_timeout_wanted(c.arch, c.os), c.wanted) << c.arch << " " << c.os;
+}
+
 TEST(Service, InstanceNameListsThePeerMemoryModuleWhenListedAtAll) {
     struct Case {
         int32_t state;
@@ -197,6 +208,80 @@ TEST_F(ServiceLogTest, StatusCheckMessages) {
     expected += "Checking service service_status: (1/3)\n";
     expected += "Get service unit@y service_status failed. please check manually\n";
     EXPECT_EQ(log_text(), expected);
+}
+
+// A systemctl of our own, first on PATH, answering by the unit's name.
+class FakeSystemctlTest : public ServiceLogTest {
+protected:
+    void SetUp() override {
+        ServiceLogTest::SetUp();
+        dir.write("bin/systemctl",
+                  "#!/bin/sh\n"
+                  "echo \"$*\" >> " + dir / "calls" + "\n"
+                  "case $2 in\n"
+                  "running) echo '   Active: active (running)'; exit 0 ;;\n"
+                  "exited) echo '   Main PID: 4242 (code=exited, status=3/NOTIMPLEMENTED)'; exit 3 ;;\n"
+                  "killed) echo '   Main PID: 17 (code=killed, status=9/KILL)'; exit 3 ;;\n"
+                  "*) exit 4 ;;\n"
+                  "esac\n");
+        fs::permissions(dir / "bin/systemctl", fs::perms::owner_all);
+        saved_path = getenv("PATH");
+        setenv("PATH", (dir / "bin:" + saved_path).c_str(), 1);
+    }
+    void TearDown() override {
+        setenv("PATH", saved_path.c_str(), 1);
+        ServiceLogTest::TearDown();
+    }
+    std::string saved_path;
+};
+
+TEST_F(FakeSystemctlTest, QueryReadsTheStatusAndTheMainProcess) {
+    struct Case {
+        std::string unit;
+        bool result;
+        int32_t pid, status, pid_status;
+    } cases[] = {
+        {"running", true, 0, 0, -7},  // a good status leaves the process status alone
+        {"exited", true, 4242, 3, 3},
+        {"killed", true, 17, 3, 9},
+        {"unknown", false, 0, 4, -7},
+    };
+    for (const Case& c : cases) {
+        int32_t pid = -7, status = -7, pid_status = -7;
+        EXPECT_EQ(query_service_status(c.unit, pid, status, pid_status), c.result) << c.unit;
+        EXPECT_EQ(pid, c.pid) << c.unit;
+        EXPECT_EQ(status, c.status) << c.unit;
+        EXPECT_EQ(pid_status, c.pid_status) << c.unit;
+    }
+    EXPECT_EQ(slurp(dir / "calls"), "status running\nstatus exited\nstatus killed\nstatus unknown\n");
+}
+
+TEST_F(FakeSystemctlTest, StatusCheckOfAServiceThatLooks) {
+    struct Case {
+        std::string unit;
+        int8_t expected_status, expected_pid_status;
+        int result;
+        size_t pauses;
+    } cases[] = {
+        {"running", 0, 0, 0, 0},
+        {"exited", 3, 3, 0, 0},
+        {"exited", 3, 1, 35, 3},
+        {"killed", 3, 9, 0, 0},
+        {"unknown", 0, 0, 35, 3},
+    };
+    for (const Case& c : cases) {
+        const ServiceSpec spec{c.unit, packaged_service_files.data(), 3, c.expected_status, c.expected_pid_status};
+        size_t pauses = 0;
+        EXPECT_EQ(check_service_status(spec, query_service_status,
+                                       [&](unsigned seconds) {
+                                           EXPECT_EQ(seconds, 5u);
+                                           ++pauses;
+                                           return 0u;
+                                       }),
+                  c.result)
+            << c.unit;
+        EXPECT_EQ(pauses, c.pauses) << c.unit;
+    }
 }
 
 // The copy of a service's files, in docker where nothing is enabled: what a

@@ -10,7 +10,6 @@
 #include "app/log.hpp"
 #include "app/result_codes.hpp"
 #include "dkms/dkms_config.hpp"
-#include "host/environment_probes.hpp"
 #include "host/file_digest.hpp"
 #include "host/files.hpp"
 #include "record/run_state.hpp"
@@ -138,21 +137,12 @@ int remove_dir_entry(ManifestEntry entry) {
     return removal::done;
 }
 
-int remove_dkms_entry(ManifestEntry entry) {
-    // Unlike the service's skip, this one stops the walk as a failure.
-    if (inside_docker()) {
-        log_message(2, "in side docker. skip dkms uninstall.\n");
-        return removal::dkms_in_container;
-    }
-    return uninstall_dkms_entry(entry);
-}
-
 RemovalHandler removal_handler(const std::string& type) {
     static const std::map<std::string, RemovalHandler> handlers = {
         {"QUORL", remove_quorl_entry},     {"SYMLINK", remove_symlink_entry},
         {"FILE", remove_file_entry},       {"RFILE", remove_rfile_entry},
         {"RLINK", remove_rlink_entry},     {"DIR", remove_dir_entry},
-        {"SERVICE", uninstall_service_entry}, {"DKMS", remove_dkms_entry},
+        {"SERVICE", uninstall_service_entry}, {"DKMS", uninstall_dkms_entry},
     };
     auto found = handlers.find(type);
     return found == handlers.end() ? nullptr : found->second;

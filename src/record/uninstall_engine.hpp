@@ -24,7 +24,6 @@ int remove_rfile_entry(ManifestEntry entry);
 int remove_rlink_entry(ManifestEntry entry);
 int remove_symlink_entry(ManifestEntry entry);
 int remove_dir_entry(ManifestEntry entry);
-int remove_dkms_entry(ManifestEntry entry);
 
 // Where the marker of a package lies: `relative` joined as a path component
 // to `base`, or to the default installation when `base` is empty.

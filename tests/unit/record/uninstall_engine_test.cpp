@@ -5,6 +5,7 @@
 
 #include "../test_support.hpp"
 #include "app/log.hpp"
+#include "dkms/dkms_config.hpp"
 #include "record/run_state.hpp"
 #include "system/service_removal.hpp"
 
@@ -43,7 +44,7 @@ TEST_F(UninstallEngineTest, HandlersByTheWholeTypeWord) {
     } cases[] = {
         {"QUORL", remove_quorl_entry},   {"SYMLINK", remove_symlink_entry}, {"FILE", remove_file_entry},
         {"RFILE", remove_rfile_entry},   {"RLINK", remove_rlink_entry},     {"DIR", remove_dir_entry},
-        {"SERVICE", uninstall_service_entry}, {"DKMS", remove_dkms_entry},
+        {"SERVICE", uninstall_service_entry}, {"DKMS", uninstall_dkms_entry},
         {"file", nullptr},               {"FILE ", nullptr},                {"", nullptr},
         {"DIRS", nullptr},               {"QUORL\r", nullptr},
     };

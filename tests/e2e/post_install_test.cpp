@@ -9,40 +9,17 @@
 #include <vector>
 
 #include "lab_host.hpp"
+#include "scenario_support.hpp"
 
 namespace {
 
-const std::string release = lab::default_release;
-const std::string package_dir = lab::default_package_dir;
+using namespace scenario;
+
 const std::string package_unit = package_dir + "/conf/vantoriaquorl-init@.service";
 const std::string success =
     "Quorl Driver installation succeed.\nFor the Quorl Driver uninstallation, please run command:\n"
     "    sudo /usr/local/quorl-3.2.1/bin/quorl-driver-uninstaller\n";
 const std::string dracut_line = "omit_drivers+=\"vantoria\"\n";
-
-lab::Host& ready(lab::Host& host) { return host.kernel(release).kernel_tree(release).card({}).package(); }
-
-testing::AssertionResult holds(const std::string& text, const std::string& block) {
-    if (text.find(block) != std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "missing:\n" << block << "\nin:\n" << text;
-}
-
-testing::AssertionResult lacks(const std::string& text, const std::string& part) {
-    if (text.find(part) == std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "unexpected:\n" << part << "\nin:\n" << text;
-}
-
-std::string md5_of(lab::Host& host, const std::string& path) {
-    return host.run({"md5sum", path}).out.substr(0, 32);
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
-        lines.push_back(text.substr(start, end - start));
-    return lines;
-}
 
 bool starts_with(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 

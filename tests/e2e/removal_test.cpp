@@ -10,15 +10,16 @@
 #include <vector>
 
 #include "lab_host.hpp"
+#include "scenario_support.hpp"
 
 namespace {
 
+using namespace scenario;
+
 using Calls = std::vector<std::string>;
 
-const std::string release = lab::default_release;
 const std::string record_path = "/var/log/vantoriaquorl/uninstall/.driver_uninstall_manifests";
 const std::string unit_file = "/lib/systemd/system/vantoriaquorl-init@.service";
-const std::string prefix = "/usr/local/quorl-3.2.1/";
 const std::string failed = "\nLogfile is /var/log/vantoriaquorl/driver_installer.log\n";
 // md5 of "installed\n".
 const std::string installed_md5 = "d1357b6d77e6561ac5af85c36c77b46e";
@@ -29,22 +30,6 @@ const std::vector<std::string> clean_up_paths = {
     "/etc/modules-loads.d/vantoria.conf", "/etc/vantoria",
     "/usr/share/vantoria",
 };
-
-lab::Host& ready(lab::Host& host) { return host.kernel(release).kernel_tree(release).card({}).package(); }
-
-testing::AssertionResult holds(const std::string& text, const std::string& block) {
-    if (text.find(block) != std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "missing:\n" << block << "\nin:\n" << text;
-}
-
-testing::AssertionResult lacks(const std::string& text, const std::string& part) {
-    if (text.find(part) == std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "unexpected:\n" << part << "\nin:\n" << text;
-}
-
-std::string md5_of(lab::Host& host, const std::string& path) {
-    return host.run({"md5sum", path}).out.substr(0, 32);
-}
 
 struct Line {
     std::string type, path, md5;

@@ -7,34 +7,19 @@
 #include <vector>
 
 #include "lab_host.hpp"
+#include "scenario_support.hpp"
 
 namespace {
 
+using namespace scenario;
+
 using Calls = std::vector<std::string>;
 
-const std::string release = lab::default_release;
-const std::string package_dir = lab::default_package_dir;
 const std::string unit_file = "/lib/systemd/system/vantoriaquorl-init@.service";
 const std::string scripts = "/usr/local/quorl-3.2.1//bin";
 const std::string success =
     "Quorl Driver installation succeed.\nFor the Quorl Driver uninstallation, please run command:\n"
     "    sudo /usr/local/quorl-3.2.1/bin/quorl-driver-uninstaller\n";
-
-lab::Host& ready(lab::Host& host) { return host.kernel(release).kernel_tree(release).card({}).package(); }
-
-testing::AssertionResult holds(const std::string& text, const std::string& block) {
-    if (text.find(block) != std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "missing:\n" << block << "\nin:\n" << text;
-}
-
-testing::AssertionResult lacks(const std::string& text, const std::string& part) {
-    if (text.find(part) == std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "unexpected:\n" << part << "\nin:\n" << text;
-}
-
-std::string md5_of(lab::Host& host, const std::string& path) {
-    return host.run({"md5sum", path}).out.substr(0, 32);
-}
 
 // The record's lines about the service and its files, in the record's order.
 std::vector<std::string> service_lines(const std::string& record) {

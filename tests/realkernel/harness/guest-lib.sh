@@ -33,6 +33,11 @@ rk_first_module() {
     head -n 1 /proc/modules | cut -d' ' -f1
 }
 
+# rk_kernel_log: the kernel's messages since this scenario began.
+rk_kernel_log() {
+    dmesg | sed -n "/realkernel: scenario $RK_SCENARIO begins\$/,\$p"
+}
+
 # rk_unpack_package DIR: the sample driver package ($RK_PACKAGE) copied to
 # DIR with the installer binary ($RK_INSTALLER) beside its files, as an
 # administrator would find it after unpacking.
@@ -40,4 +45,77 @@ rk_unpack_package() {
     mkdir -p "$1"
     cp -a "$RK_PACKAGE/." "$1/"
     cp "$RK_INSTALLER" "$1/quorl-driver-installer"
+}
+
+# rk_changes NAME: every file, link and deletion that the scenario has made
+# so far in the guest's root and its module tree, one "TYPE PATH" line each
+# (f file, l link, c a deleted host file), sorted, as fact NAME. The overlays
+# hold exactly these, so nothing a run writes can hide from the list.
+# Directories are left out: a file shows where it went.
+rk_changes() {
+    mkdir -p "$RK_OUT/facts"
+    {
+        (cd /rk/upper && find . -xdev \( -type f -o -type l -o -type c \) -printf '%y /%P\n')
+        (cd /rk/modules-upper && find . -xdev \( -type f -o -type l -o -type c \) -printf "%y $RK_MODULES_MOUNT/%P\n")
+    } | LC_ALL=C sort > "$RK_OUT/facts/$1"
+}
+
+# rk_record NAME: the installer's record as fact NAME, and beside it
+#   NAME.held   the record as this host bears it out: each line written anew
+#               from what now stands at its path (a file's true MD5, a link,
+#               a directory, the unit file of a service, a DKMS registration)
+#               or marked "(missing)"; equal to NAME when the record is true;
+#   NAME.paths  the paths that the record names, as they lie on the disk
+#               (/lib seen through the merged-/usr link, no doubled slashes).
+rk_record() {
+    local record=/var/log/vantoriaquorl/uninstall/.driver_uninstall_manifests
+    local line type rest path
+    mkdir -p "$RK_OUT/facts"
+    cp "$record" "$RK_OUT/facts/$1" 2>/dev/null || : > "$RK_OUT/facts/$1"
+    : > "$RK_OUT/facts/$1.held"
+    : > "$RK_OUT/facts/$1.paths"
+    while IFS= read -r line; do
+        type=${line%% *} rest=${line#* } path=${rest%% *}
+        case $type in
+            QUORL | DIR)
+                [ -d "$path" ] && echo "$type $path" || echo "$type $path (missing)" ;;
+            FILE | RFILE)
+                [ -f "$path" ] && echo "$type $path $(md5sum < "$path" | cut -c1-32)" ||
+                    echo "$type $path (missing)" ;;
+            SYMLINK)
+                [ -L "$path" ] && echo "$type $path" || echo "$type $path (missing)" ;;
+            RLINK)
+                [ -L "$path" ] && echo "$type $path " || echo "$type $path (missing)" ;;
+            SERVICE)
+                # An instance is installed as its template's unit file.
+                local unit=/lib/systemd/system/${path%%@*}@.service
+                [ -f "$unit" ] && echo "$type $path $(md5sum < "$unit" | cut -c1-32)" ||
+                    echo "$type $path (missing)" ;;
+            DKMS)
+                dkms status "quorl/$path" | grep -q ': installed$' && echo "$type $path " ||
+                    echo "$type $path (missing)" ;;
+            *)
+                echo "$line (unknown)" ;;
+        esac >> "$RK_OUT/facts/$1.held"
+        case $type in
+            QUORL | SERVICE | DKMS) ;;
+            *) echo "$(realpath -m "$(dirname "$path")")/$(basename "$path")" >> "$RK_OUT/facts/$1.paths" ;;
+        esac
+    done < "$record"
+}
+
+# rk_join_kernel_headers: Debian splits a kernel's headers in two trees: the
+# build tree that /lib/modules/RELEASE/build names (.config, Module.symvers,
+# include/generated) and linux-headers-*-common (include/linux), which the
+# build tree's Makefile includes. The installer takes a kernel tree only when
+# both include/linux/kernel.h and include/generated/utsrelease.h lie in it,
+# as in one whole tree; on Debian the administrator links the common headers
+# into the build tree first. kbuild searches the common tree before the build
+# tree's include/, so the build itself is unchanged.
+rk_join_kernel_headers() {
+    local build common
+    build=$(readlink -f "/lib/modules/$(uname -r)/build")
+    common=$(sed -n 's|^include \(.*\)/Makefile$|\1|p' "$build/Makefile")
+    ln -s "$common/include/linux" "$build/include/linux"
+    rk_fact joined_headers "$build/include/linux"
 }

@@ -21,6 +21,11 @@ mkdir -p /var/lib/dkms
 [ -e /var/lib/dkms/mok.key ] || cp "$RK_DKMS_MOK_KEY" /var/lib/dkms/mok.key
 [ -e /var/lib/dkms/mok.pub ] || cp "$RK_DKMS_MOK_PUB" /var/lib/dkms/mok.pub
 
+# The kernel log is the boot's; a line of our own marks where this scenario's
+# part of it begins (rk_kernel_log).
+export RK_SCENARIO=$(basename "$script" .sh)
+echo "realkernel: scenario $RK_SCENARIO begins" > /dev/kmsg
+
 mkdir -p /root/work
 cd /root/work
 bash -x "$script" > "$RK_OUT/output.txt" 2>&1

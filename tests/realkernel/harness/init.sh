@@ -64,6 +64,13 @@ enter_root() {
     mkdir -p /newroot/dev/pts /newroot/dev/shm
     mount -t devpts devpts /newroot/dev/pts
     mount -t tmpfs tmpfs /newroot/dev/shm
+    # The links that udev makes on a host; bash's <(...), which dkms uses,
+    # needs /dev/fd. devtmpfs is one file system for all its mounts, so the
+    # links may be there from an earlier scenario.
+    ln -sfn /proc/self/fd /newroot/dev/fd
+    ln -sfn /proc/self/fd/0 /newroot/dev/stdin
+    ln -sfn /proc/self/fd/1 /newroot/dev/stdout
+    ln -sfn /proc/self/fd/2 /newroot/dev/stderr
     # Nothing of the host's run time state (its systemd, its journal) shows.
     mount -t tmpfs -o mode=0755 tmpfs /newroot/run
     mount -t tmpfs -o mode=1777 tmpfs /newroot/tmp
@@ -92,8 +99,14 @@ while read -r name script; do
     enter_root
     mount -t overlay overlay -o "lowerdir=/base/modules,upperdir=/layer/mupper,workdir=/layer/mwork" \
         "/newroot$RK_MODULES_MOUNT" || fail "overlay of the module tree"
-    mkdir -p "/share/out/$name" /newroot/rk/out
+    mkdir -p "/share/out/$name" /newroot/rk/out /newroot/rk/upper /newroot/rk/modules-upper
     mount --bind "/share/out/$name" /newroot/rk/out
+    # What the scenario has written so far, as the overlays hold it: the
+    # exact list of what it changed on the host and in the module tree.
+    mount --bind /layer/upper /newroot/rk/upper
+    mount --bind /layer/mupper /newroot/rk/modules-upper
+    mount -o remount,bind,ro /newroot/rk/upper
+    mount -o remount,bind,ro /newroot/rk/modules-upper
     cp /share/env /newroot/rk/env
     cut -d' ' -f1 /proc/modules > /modules.before
 

@@ -35,4 +35,10 @@ rk_unpack_package /root/quorl-driver
 rk_run installer_help /root/quorl-driver/quorl-driver-installer --help
 # Written after the installer ran, since each run of it empties its log.
 echo "installer log line" > /var/log/vantoriaquorl/driver_installer.log
-rk_fact unpacked "$(cd /root/quorl-driver && ls | sort | tr '\n' ' ')"
+rk_fact unpacked "$(cd /root/quorl-driver && ls -A | LC_ALL=C sort | tr '\n' ' ')"
+
+# A host file deleted in the guest, and the list of all that changed, which
+# the scenario reads but cannot write.
+rm "$RK_PACKAGE/.manifest"
+rk_changes changes
+rk_run upper_write touch /rk/upper/probe

@@ -64,18 +64,10 @@ int check_module_loads(DriverInstaller& installer, const DkmsConfig& config, con
         installer.fetch_module_version(module_file);
         const int32_t error = load_module_image(module_file.c_str(), installer.module_params.c_str());
         if (error != 0) {
-            const std::string text = module_load_error_text(error);
-            log_message(1, "Module load failed. error: %s\n", text.c_str());
-            if (is_key_error(error)) {
-                log_message(3, "Try insmod %s failed due to module sign. %d %s\n", module_file.c_str(), error,
-                            strerror(error));
-                dump_kernel_messages(load_start);
-                return code::load_key_rejected;
-            }
             // "Module already in kernel" ends here as well: a loaded older module is no success.
-            log_message(3, "Try insmod %s %d %s\n", module_file.c_str(), error, text.c_str());
+            const int result = report_load_failure(module_file, error);
             dump_kernel_messages(load_start);
-            return code::load_failed;
+            return result;
         }
     }
 

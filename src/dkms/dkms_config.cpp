@@ -93,7 +93,9 @@ int remove_dkms_modules(const std::string& /*version*/) {
     return 0;
 }
 
-int uninstall_dkms_entry(const ManifestEntry& entry) {
+int uninstall_dkms_entry(ManifestEntry entry) {
+    // Unlike the service's skip inside a container, this one stops the
+    // removal walk as a failure.
     if (inside_docker()) {
         log_message(2, "in side docker. skip dkms uninstall.\n");
         return removal::dkms_in_container;

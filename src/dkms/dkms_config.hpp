@@ -22,7 +22,7 @@ void parse_dkms_config(const std::string& text, DkmsConfig& config);
 int remove_dkms_modules(const std::string& version);
 
 // The removal handler of a "DKMS" record entry.
-int uninstall_dkms_entry(const ManifestEntry& entry);
+int uninstall_dkms_entry(ManifestEntry entry);
 
 // Clears the driver out of Ubuntu's dkms autoinstaller. Nothing in the
 // install or removal flow calls it.

@@ -1,6 +1,5 @@
 #include "kmod/manual_build.hpp"
 
-#include <cstring>
 #include <ctime>
 #include <string>
 #include <sys/utsname.h>
@@ -132,16 +131,10 @@ int DriverInstaller::build_install_module(const std::string& module_name, const 
     const time_t load_start = time(nullptr);
     const int32_t error = load_module_image(installed_path.c_str(), module_params.c_str());
     if (error != 0) {
-        const std::string text = module_load_error_text(error);
-        log_message(1, "Module load failed. error: %s\n", text.c_str());
-        if (is_key_error(error)) {
-            log_message(3, "Try insmod %s failed due to module sign. %d %s\n", module_name.c_str(), error,
-                        strerror(error));
-            return code::load_key_rejected;
-        }
-        log_message(3, "Try insmod %s %d %s\n", module_name.c_str(), error, text.c_str());
-        dump_kernel_messages(load_start);
-        return code::load_failed;
+        const int result = report_load_failure(module_name, error);
+        // A refused key is reason enough; the kernel's messages are shown for the other refusals.
+        if (result == code::load_failed) dump_kernel_messages(load_start);
+        return result;
     }
 
     // Not a fallback: modprobe follows a direct load that worked, and always

@@ -150,3 +150,14 @@ std::string module_load_error_text(int error) {
 }
 
 bool is_key_error(int error) { return error >= 126 && error <= 129; }
+
+int report_load_failure(const std::string& module, int32_t error) {
+    const std::string text = module_load_error_text(error);
+    log_message(1, "Module load failed. error: %s\n", text.c_str());
+    if (is_key_error(error)) {
+        log_message(3, "Try insmod %s failed due to module sign. %d %s\n", module.c_str(), error, strerror(error));
+        return code::load_key_rejected;
+    }
+    log_message(3, "Try insmod %s %d %s\n", module.c_str(), error, text.c_str());
+    return code::load_failed;
+}

@@ -32,5 +32,10 @@ std::string module_load_error_text(int error);
 // ENOKEY, EKEYEXPIRED, EKEYREVOKED, EKEYREJECTED: the kernel did not accept the signature.
 bool is_key_error(int error);
 
+// Tells why the kernel refused `module` (a name or a file) and gives the
+// code: 50 for a signature the kernel did not accept, 49 for anything else,
+// "Module already in kernel" included.
+int report_load_failure(const std::string& module, int32_t error);
+
 // The version modinfo prints: what follows the last blank of the whole output.
 std::string module_version_from_modinfo(const std::string& output);

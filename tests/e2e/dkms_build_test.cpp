@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <functional>
 
-#include "kmod_support.hpp"
+#include "scenario_support.hpp"
 #include "lab_host.hpp"
 
-using namespace kmod_e2e;
+using namespace scenario;
 
 namespace {
 
@@ -23,7 +23,7 @@ const std::vector<std::string> dkms_roots = {"/usr/lib/firmware", "/usr/local", 
 TEST(DkmsBuildOnHost, InstallRegistersBuildsAndLoadsTheModule) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     const lab::RunResult r = host.install();
     ASSERT_EQ(r.status, 0) << r.err << host.log();
 
@@ -144,7 +144,7 @@ TEST(DkmsBuildOnHost, EachFailureCodeWithItsMessage) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.story);
         lab::Host host;
-        usual_host(host);
+        ready(host);
         c.setup(host);
         const lab::RunResult r = host.install();
         EXPECT_EQ(r.status, c.status) << r.err;
@@ -162,7 +162,7 @@ TEST(DkmsBuildOnHost, EachFailureCodeWithItsMessage) {
 TEST(DkmsBuildOnHost, ReinstallOverAnOlderRegistration) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     const lab::RunResult older = host.shell(
         "set -e\n"
         "mkdir -p /usr/src/quorl-3.1.0\n"
@@ -234,7 +234,7 @@ TEST(DkmsBuildOnHost, SignedBuildRunsOnTheTerminal) {
 TEST(DkmsBuildOnHost, NoModuleFileSkipsTheDirectLoad) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     host.stub("dkms").stub("modprobe");
     host.file("/usr/src/ofa_kernel/default/include/rdma/peer_mem.h", "")
         .file("/usr/src/ofa_kernel/default/Module.symvers", "")

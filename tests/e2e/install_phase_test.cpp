@@ -5,10 +5,10 @@
 
 #include <functional>
 
-#include "kmod_support.hpp"
+#include "scenario_support.hpp"
 #include "lab_host.hpp"
 
-using namespace kmod_e2e;
+using namespace scenario;
 
 namespace {
 
@@ -19,13 +19,13 @@ const std::vector<std::string> firmware_files = {"/lib/firmware/vantoria/tr/tr_p
 TEST(InstallPhaseOnHost, FirmwareIsCopiedAndTheSystemsDirectoryIsNotRecorded) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     ASSERT_TRUE(host.exists("/lib/firmware"));
     const lab::RunResult r = host.install({"--disable-dkms"});
     EXPECT_EQ(r.status, 0) << r.err;
     for (const std::string& file : firmware_files) {
         EXPECT_EQ(host.read(file), host.read(package_dir + "/firmware" + file.substr(std::string("/lib/firmware").size())));
-        EXPECT_TRUE(in_order(host.record(), {"FILE " + file + " " + md5_in(host, file) + "\n"}));
+        EXPECT_TRUE(in_order(host.record(), {"FILE " + file + " " + md5_of(host, file) + "\n"}));
     }
     EXPECT_TRUE(in_order(host.record(), {"DIR /lib/firmware/vantoria/tr\nDIR /lib/firmware/vantoria\n"}));
     EXPECT_TRUE(lacks(host.record(), "DIR /lib/firmware\n"));
@@ -36,7 +36,7 @@ TEST(InstallPhaseOnHost, FirmwareIsCopiedAndTheSystemsDirectoryIsNotRecorded) {
 TEST(InstallPhaseOnHost, AFirmwareDirectoryMadeByTheRunIsRecordedLast) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     host.remove("/lib/firmware");
     const lab::RunResult r = host.install({"--disable-dkms"});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -49,7 +49,7 @@ TEST(InstallPhaseOnHost, AFirmwareDirectoryMadeByTheRunIsRecordedLast) {
 TEST(InstallPhaseOnHost, APackageWithoutFirmwareGoesOn) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     host.remove(package_dir + "/firmware");
     const lab::RunResult r = host.install({"--disable-dkms"});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -60,7 +60,7 @@ TEST(InstallPhaseOnHost, APackageWithoutFirmwareGoesOn) {
 TEST(InstallPhaseOnHost, VgpuDependenciesAreTriedInOrderAndNeverStopTheRun) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     host.stub("modprobe").answer("modprobe", "vfio", 1, "modprobe: FATAL: Module vfio not found.\n");
     const lab::RunResult r = host.install({"--disable-dkms", "--with-vgpu"});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -94,7 +94,7 @@ TEST(InstallPhaseOnHost, ChoiceOfTheBuildPath) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.story);
         lab::Host host;
-        usual_host(host);
+        ready(host);
         c.setup(host);
         const lab::RunResult r = host.install(c.args);
         EXPECT_EQ(r.status, 0) << r.err;
@@ -109,7 +109,7 @@ TEST(InstallPhaseOnHost, ChoiceOfTheBuildPath) {
 TEST(InstallPhaseOnHost, UserSpaceTreeIsCopiedRecordedAndLinked) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     const lab::RunResult r = host.install({"--disable-dkms"});
     EXPECT_EQ(r.status, 0) << r.err;
 
@@ -119,10 +119,10 @@ TEST(InstallPhaseOnHost, UserSpaceTreeIsCopiedRecordedAndLinked) {
     const std::string record = host.record();
     for (const char* file : {"bin/qxinfo", "bin/quorl-driver-uninstaller", "share/doc/quorl/README",
                              "share/quorl/samples/vector_add.qx"})
-        EXPECT_TRUE(in_order(record, {"FILE " + prefix + file + " " + md5_in(host, prefix + file) + "\n"})) << file;
+        EXPECT_TRUE(in_order(record, {"FILE " + prefix + file + " " + md5_of(host, prefix + file) + "\n"})) << file;
     // Files the toolkit shares are written as reserved, the lib link among them, doubled slash and all.
     for (const char* file : {"bin/qxsmi", "lib64/libqxml.so", "EULA.txt", "copyright"})
-        EXPECT_TRUE(in_order(record, {"RFILE " + prefix + file + " " + md5_in(host, prefix + file) + "\n"})) << file;
+        EXPECT_TRUE(in_order(record, {"RFILE " + prefix + file + " " + md5_of(host, prefix + file) + "\n"})) << file;
     EXPECT_TRUE(in_order(record, {"RLINK " + prefix + "lib64/libcuda.so \n"}));
     EXPECT_TRUE(in_order(record, {"RLINK " + prefix + "/lib \n"}));
     for (const char* dir : {"share/quorl/samples", "share/doc/quorl", "lib64", "bin"})
@@ -137,7 +137,7 @@ TEST(InstallPhaseOnHost, UserSpaceTreeIsCopiedRecordedAndLinked) {
 TEST(InstallPhaseOnHost, ATakenLibNameIsLeftAloneAndRecordedAllTheSame) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     host.directory(prefix + "lib");
     const lab::RunResult r = host.install({"--disable-dkms"});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -149,7 +149,7 @@ TEST(InstallPhaseOnHost, ATakenLibNameIsLeftAloneAndRecordedAllTheSame) {
 TEST(InstallPhaseOnHost, AFailedCopyOfTheUserSpaceTreeEndsWith39) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     host.remove(package_dir + "/quorl");
     const lab::RunResult r = host.install({"--disable-dkms"});
     EXPECT_EQ(r.status, 39) << r.err;
@@ -165,7 +165,7 @@ TEST(InstallPhaseOnHost, AFailedCopyOfTheUserSpaceTreeEndsWith39) {
 TEST(InstallPhaseOnHost, AFailedDkmsBuildLeavesThePrefixWithoutTheUserSpaceTree) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     host.file(package_dir + "/kernel/vantoria_chip.c", "#error broken on purpose\n");
     const lab::RunResult r = host.install();
     EXPECT_EQ(r.status, 34) << r.err;

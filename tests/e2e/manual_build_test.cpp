@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <functional>
 
-#include "kmod_support.hpp"
+#include "scenario_support.hpp"
 #include "lab_host.hpp"
 
-using namespace kmod_e2e;
+using namespace scenario;
 
 namespace {
 
@@ -18,7 +18,7 @@ const std::string installed_module = module_dir + "vantoria.ko";
 TEST(ManualBuildOnHost, InstallLoadsTheModuleAndPassesTheFirmwareCheck) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     const lab::RunResult r = host.install({"--disable-dkms"});
     ASSERT_EQ(r.status, 0) << r.err << host.log();
 
@@ -42,7 +42,7 @@ TEST(ManualBuildOnHost, InstallLoadsTheModuleAndPassesTheFirmwareCheck) {
                           "Debug: OFED dir [/usr/src/ofa_kernel/default] is not exist.\n",
                           "Debug: Skip vnt_peer_mem_drv install\n"}));
     EXPECT_TRUE(lacks(host.log(), "do sign module"));
-    EXPECT_TRUE(in_order(host.record(), {"FILE " + installed_module + " " + md5_in(host, installed_module) + "\n"}));
+    EXPECT_TRUE(in_order(host.record(), {"FILE " + installed_module + " " + md5_of(host, installed_module) + "\n"}));
     EXPECT_EQ(unrecorded(host, installed_roots), std::vector<std::string>{});
 }
 
@@ -125,7 +125,7 @@ TEST(ManualBuildOnHost, EachFailureCodeWithItsMessage) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.story);
         lab::Host host;
-        usual_host(host);
+        ready(host);
         c.setup(host);
         const lab::RunResult r = host.install(c.args);
         EXPECT_EQ(r.status, c.status) << r.err;
@@ -259,9 +259,9 @@ TEST(ManualBuildOnHost, KeyRefusedUnderSigningWithGeneratedKeys) {
     EXPECT_EQ(modinfo_field(host, "signer", installed_module), "quorl-installer generated signing key");
     EXPECT_EQ(modinfo_field(host, "sig_hashalgo", installed_module), "sha512");
 
-    EXPECT_TRUE(in_order(host.record(), {"FILE " + installed_module + " " + md5_in(host, installed_module) + "\n",
-                                         "FILE " + der + " " + md5_in(host, der) + "\n",
-                                         "FILE " + key + " " + md5_in(host, key) + "\n",
+    EXPECT_TRUE(in_order(host.record(), {"FILE " + installed_module + " " + md5_of(host, installed_module) + "\n",
+                                         "FILE " + der + " " + md5_of(host, der) + "\n",
+                                         "FILE " + key + " " + md5_of(host, key) + "\n",
                                          "DIR /usr/share/vantoria\n"}));
     EXPECT_EQ(unrecorded(host, installed_roots), std::vector<std::string>{});
 }
@@ -295,7 +295,7 @@ TEST(ManualBuildOnHost, KeyRefusedWithOfedBuildsThePeerModuleWithoutLoadingIt) {
     EXPECT_EQ(host.proc_modules(), "ib_core 450560 0 - Live 0xffffffffc0b00000\n");
     EXPECT_EQ(modinfo_field(host, "signer", peer_module), "quorl-installer generated signing key");
     EXPECT_TRUE(in_order(host.record(), {"FILE " + installed_module + " ", "FILE " + peer_module + " " +
-                                                                               md5_in(host, peer_module) + "\n"}));
+                                                                               md5_of(host, peer_module) + "\n"}));
     EXPECT_EQ(unrecorded(host, installed_roots), std::vector<std::string>{});
 }
 
@@ -305,7 +305,7 @@ TEST(ManualBuildOnHost, KeyRefusedWithOfedBuildsThePeerModuleWithoutLoadingIt) {
 TEST(ManualBuildOnHost, AfterAGoodLoadThePeerModuleIsSkippedEvenWithOfed) {
     LAB_REQUIRE();
     lab::Host host;
-    usual_host(host);
+    ready(host);
     host.file("/usr/src/ofa_kernel/default/include/rdma/peer_mem.h", "")
         .file("/usr/src/ofa_kernel/default/Module.symvers", "")
         .proc_modules("ib_core 450560 0 - Live 0xffffffffc0b00000\n");
@@ -326,8 +326,8 @@ TEST(ManualBuildOnHost, UserKeysAreUsedWhereTheyLieAndNeverCopied) {
                          " -out /root/keys/admin.der 2>/dev/null")
                   .status,
               0);
-    const std::string key_digest = md5_in(host, "/root/keys/admin.key");
-    const std::string der_digest = md5_in(host, "/root/keys/admin.der");
+    const std::string key_digest = md5_of(host, "/root/keys/admin.key");
+    const std::string der_digest = md5_of(host, "/root/keys/admin.der");
     const lab::RunResult r = host.install(
         {"--module-signing-secret-key", "/root/keys/admin.key", "--module-signing-public-key", "/root/keys/admin.der"});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -344,8 +344,8 @@ TEST(ManualBuildOnHost, UserKeysAreUsedWhereTheyLieAndNeverCopied) {
     EXPECT_EQ(modinfo_field(host, "signer", installed_module), "Lab Admin Key");
     EXPECT_EQ(modinfo_field(host, "sig_hashalgo", installed_module), "sha256");
 
-    EXPECT_EQ(md5_in(host, "/root/keys/admin.key"), key_digest);
-    EXPECT_EQ(md5_in(host, "/root/keys/admin.der"), der_digest);
+    EXPECT_EQ(md5_of(host, "/root/keys/admin.key"), key_digest);
+    EXPECT_EQ(md5_of(host, "/root/keys/admin.der"), der_digest);
     EXPECT_FALSE(host.exists("/usr/share/vantoria"));
     EXPECT_EQ(temporary_keys(host), std::vector<std::string>{});
     EXPECT_TRUE(lacks(host.record(), "/root/keys"));
@@ -368,7 +368,7 @@ TEST(ManualBuildOnHost, ABuildForAKernelThatIsNotRunning) {
     EXPECT_TRUE(lacks(host.log(), "Skip vnt_peer_mem_drv"));
     EXPECT_EQ(host.proc_modules(), "");
     EXPECT_EQ(host.kernel_log(), "");
-    EXPECT_TRUE(in_order(host.record(), {"FILE " + other_module + " " + md5_in(host, other_module) + "\n"}));
+    EXPECT_TRUE(in_order(host.record(), {"FILE " + other_module + " " + md5_of(host, other_module) + "\n"}));
     EXPECT_FALSE(host.exists(prefix + "bin"));
     EXPECT_EQ(unrecorded(host, installed_roots), std::vector<std::string>{});
 }

@@ -8,32 +8,23 @@
 #include <vector>
 
 #include "lab_host.hpp"
+#include "scenario_support.hpp"
 
 namespace {
 
-const std::string release = lab::default_release;
-const std::string package_dir = lab::default_package_dir;
+using namespace scenario;
+
 const std::string manifest = package_dir + "/.manifest";
 const std::string build_tree = "/lib/modules/" + release + "/build";
 const std::string headers_tree = "/usr/src/linux-headers-" + release;
 const std::string failed_run = "\nLogfile is /var/log/vantoriaquorl/driver_installer.log\n";
 
-// A host with the kernel, its tree and the package: preparation passes on it.
-lab::Host& ready(lab::Host& host, std::vector<std::string> config = {}) {
+// A host with the kernel, its tree and the package, and no card: preparation passes on it.
+lab::Host& tree_host(lab::Host& host, std::vector<std::string> config = {}) {
     return host.kernel(release).kernel_tree(release, config).package();
 }
 
 // The lines of `block` stand together, in this order, in `text`.
-testing::AssertionResult holds(const std::string& text, const std::string& block) {
-    if (text.find(block) != std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "missing:\n" << block << "\nin:\n" << text;
-}
-
-testing::AssertionResult lacks(const std::string& text, const std::string& part) {
-    if (text.find(part) == std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "unexpected:\n" << part << "\nin:\n" << text;
-}
-
 std::string tool_missing_line(const std::string& name, const std::string& package) {
     return "Error: Unable to find the system utility '" + name + "'; please make sure you have the package '" +
            package + "' installed.  If you do have '" + package + "' installed, then please check that '" + name +
@@ -53,7 +44,7 @@ TEST(Preparation, PackageDescriptionIsReadBesideTheProgram) {
     LAB_REQUIRE();
     lab::Host host;
     // A short file in the working directory would end the run if it were read.
-    ready(host).remove(manifest).file("/root/.manifest", "Title\n3.2.1\n");
+    tree_host(host).remove(manifest).file("/root/.manifest", "Title\n3.2.1\n");
     lab::RunOptions from_home;
     from_home.cwd = "/root";
     lab::RunResult r = host.run({package_dir + "/quorl-driver-installer"}, from_home);
@@ -66,7 +57,7 @@ TEST(Preparation, PackageDescriptionIsReadBesideTheProgram) {
     EXPECT_TRUE(holds(host.log(), "Debug: Using kernel source: " + build_tree + "\n"));
 
     lab::Host quiet;
-    ready(quiet).remove(manifest);
+    tree_host(quiet).remove(manifest);
     r = quiet.install({"--qxquiet"});
     EXPECT_TRUE(lacks(r.err, "Initializing driverConfig"));
     EXPECT_TRUE(holds(quiet.log(), "\nInitializing driverConfig using default values."));
@@ -76,7 +67,7 @@ TEST(Preparation, ShortPackageDescriptionEndsTheProcessWithoutARecord) {
     LAB_REQUIRE();
     for (const std::string text : {"Quorl Driver for Linux-x86_64\n3.2.1\nvantoria\n", "", "\n\n\n"}) {
         lab::Host host;
-        ready(host).file(manifest, text);
+        tree_host(host).file(manifest, text);
         lab::RunResult r = host.install();
         EXPECT_EQ(r.status, 128 + 6) << '"' << text << '"';
         EXPECT_TRUE(holds(r.err, "terminate called after throwing an instance of 'std::out_of_range'"));
@@ -89,7 +80,7 @@ TEST(Preparation, ShortPackageDescriptionEndsTheProcessWithoutARecord) {
 TEST(Preparation, EmptyVersionStopsWithCode37) {
     LAB_REQUIRE();
     lab::Host host;
-    ready(host).file(manifest, "Quorl Driver for Linux-x86_64\n\nvantoria\n./kernel/\n");
+    tree_host(host).file(manifest, "Quorl Driver for Linux-x86_64\n\nvantoria\n./kernel/\n");
     lab::RunResult r = host.install();
     EXPECT_EQ(r.status, 37);
     EXPECT_TRUE(holds(host.log(), "Error: parse manifest failed " + manifest + "\n"));
@@ -115,7 +106,7 @@ TEST(Preparation, AContainerIsOnlyWarnedAbout) {
     };
     for (const Case& c : cases) {
         lab::Host host;
-        ready(host).cgroup(c.cgroup);
+        tree_host(host).cgroup(c.cgroup);
         lab::RunResult r = host.install();
         EXPECT_TRUE(holds(host.log(), c.log)) << c.cgroup;
         EXPECT_TRUE(lacks(r.err, "docker")) << c.cgroup;
@@ -148,7 +139,7 @@ TEST(Preparation, KernelTreeIsFoundInItsFixedOrder) {
     };
     for (const Case& c : cases) {
         lab::Host host;
-        ready(host);
+        tree_host(host);
         c.setup(host);
         host.install(c.args);
         EXPECT_TRUE(holds(host.log(), "Debug: Using kernel source: " + c.used + "\n" + all_tools_found()))
@@ -196,7 +187,7 @@ TEST(Preparation, UnusableKernelTreeStopsWithCode32) {
     };
     for (const Case& c : cases) {
         lab::Host host;
-        ready(host);
+        tree_host(host);
         c.setup(host);
         lab::RunResult r = host.install(c.args);
         EXPECT_EQ(r.status, 32) << c.name;
@@ -211,7 +202,7 @@ TEST(Preparation, UnusableKernelTreeStopsWithCode32) {
 TEST(Preparation, ReleaseLineEndingBehindTheWordEndsTheProcess) {
     LAB_REQUIRE();
     lab::Host host;
-    ready(host).file(headers_tree + "/include/generated/utsrelease.h", "#define UTS_RELEASE\n");
+    tree_host(host).file(headers_tree + "/include/generated/utsrelease.h", "#define UTS_RELEASE\n");
     lab::RunResult r = host.install();
     EXPECT_EQ(r.status, 128 + 6);
     EXPECT_TRUE(holds(r.err, "terminate called after throwing an instance of 'std::out_of_range'"));
@@ -221,7 +212,7 @@ TEST(Preparation, ReleaseLineEndingBehindTheWordEndsTheProcess) {
 TEST(Preparation, MissingToolsAreAllNamedAndStopWithCode33) {
     LAB_REQUIRE();
     lab::Host host;
-    ready(host).tool_missing("objcopy").tool_missing("lsmod");
+    tree_host(host).tool_missing("objcopy").tool_missing("lsmod");
     lab::RunResult r = host.install();
     EXPECT_EQ(r.status, 33);
     EXPECT_TRUE(holds(host.log(), "Debug: found system utility 'sed'\n" +
@@ -242,7 +233,7 @@ TEST(Preparation, EmptyOrPoorPathIsWidenedForTheWholeRun) {
     LAB_REQUIRE();
     for (const std::string path : {"PATH=", "PATH=/nowhere"}) {
         lab::Host host;
-        ready(host, {"CONFIG_MODULE_SIG_FORCE=y"});
+        tree_host(host, {"CONFIG_MODULE_SIG_FORCE=y"});
         lab::RunOptions options;
         options.env = {path};
         host.install({}, options);
@@ -269,7 +260,7 @@ TEST(Preparation, CompilerCheckRefusesOnlyAnAncientGcc) {
     };
     for (const Case& c : cases) {
         lab::Host host;
-        ready(host).stub("gcc").answer("gcc", "--version", c.gcc_status, c.gcc_output);
+        tree_host(host).stub("gcc").answer("gcc", "--version", c.gcc_status, c.gcc_output);
         lab::RunResult r = host.install();
         EXPECT_TRUE(holds(host.log(), c.log)) << c.gcc_output;
         if (c.passes) {
@@ -287,7 +278,7 @@ TEST(Preparation, CompilerCheckRefusesOnlyAnAncientGcc) {
 TEST(Preparation, UnameWithoutADottedTripleEndsTheProcess) {
     LAB_REQUIRE();
     lab::Host host;
-    ready(host).stub("uname").answer("uname", "-r", 0, "lab-kernel\n");
+    tree_host(host).stub("uname").answer("uname", "-r", 0, "lab-kernel\n");
     lab::RunResult r = host.install();
     EXPECT_EQ(r.status, 128 + 6);
     EXPECT_TRUE(holds(host.log(), "kernel version: \n"));
@@ -308,7 +299,7 @@ TEST(Preparation, TargetThatIsNoDirectoryStopsWithCode11Silently) {
     };
     for (const Case& c : cases) {
         lab::Host host;
-        ready(host);
+        tree_host(host);
         c.setup(host);
         lab::RunResult r = host.install();
         EXPECT_EQ(r.status, c.status) << c.name;
@@ -319,7 +310,7 @@ TEST(Preparation, TargetThatIsNoDirectoryStopsWithCode11Silently) {
 
     // A link to a directory is taken as that directory.
     lab::Host host;
-    ready(host).directory("/srv/quorl").symlink("/srv/quorl", "/usr/local/quorl-3.2.1");
+    tree_host(host).directory("/srv/quorl").symlink("/srv/quorl", "/usr/local/quorl-3.2.1");
     host.install();
     EXPECT_TRUE(holds(host.log(), "Debug: do check module sign prepare\n"));
 }
@@ -329,7 +320,7 @@ TEST(Preparation, CreatedDirectoriesReachTheRecordEvenWhenPreparationFails) {
     lab::Host host;
     // The kernel command line demands signatures and there is no openssl:
     // preparation fails after the target directory was made.
-    ready(host).cmdline("BOOT_IMAGE=/boot/vmlinuz root=/dev/vda1 ro module.sig_enforce=1\n").tool_missing("openssl");
+    tree_host(host).cmdline("BOOT_IMAGE=/boot/vmlinuz root=/dev/vda1 ro module.sig_enforce=1\n").tool_missing("openssl");
     lab::RunResult r = host.install({"--prefix", "/opt/vendor/tools"});
     EXPECT_EQ(r.status, 33);
     EXPECT_EQ(host.mode("/opt/vendor"), 0755u);
@@ -343,7 +334,7 @@ TEST(Preparation, CreatedDirectoriesReachTheRecordEvenWhenPreparationFails) {
 
     // With the directory already there, nothing more is noted as created.
     lab::Host again;
-    ready(again).directory("/opt/vendor").directory("/opt/vendor/tools").directory("/opt/vendor/tools/quorl-3.2.1");
+    tree_host(again).directory("/opt/vendor").directory("/opt/vendor/tools").directory("/opt/vendor/tools/quorl-3.2.1");
     again.cmdline("module.sig_enforce=1\n").tool_missing("openssl");
     r = again.install({"--prefix", "/opt/vendor/tools"});
     EXPECT_EQ(r.status, 33);
@@ -380,7 +371,7 @@ TEST(Preparation, SigningIsDemandedInThreeWaysAndThenNeedsOpenssl) {
     for (const Case& c : cases) {
         for (bool openssl : {true, false}) {
             lab::Host host;
-            ready(host);
+            tree_host(host);
             c.setup(host);
             if (!openssl) host.tool_missing("openssl");
             lab::RunResult r = host.install();
@@ -399,7 +390,7 @@ TEST(Preparation, SigningIsDemandedInThreeWaysAndThenNeedsOpenssl) {
 
     // Nothing demands it: no signing, and openssl is not asked for.
     lab::Host host;
-    ready(host).secure_boot(std::string("\x06\x00\x00\x00\x00", 5)).tool_missing("openssl");
+    tree_host(host).secure_boot(std::string("\x06\x00\x00\x00\x00", 5)).tool_missing("openssl");
     lab::RunResult r = host.install();
     EXPECT_TRUE(holds(host.log(), start + conftest + " 1\n"));
     EXPECT_TRUE(lacks(host.log(), "do module sign."));
@@ -409,7 +400,7 @@ TEST(Preparation, SigningIsDemandedInThreeWaysAndThenNeedsOpenssl) {
 TEST(Preparation, UserKeysMustExistAndThenSettleSigningAlone) {
     LAB_REQUIRE();
     lab::Host missing;
-    ready(missing).file("/root/keys/signing.key", "secret\n");
+    tree_host(missing).file("/root/keys/signing.key", "secret\n");
     lab::RunResult r = missing.install({"--module-signing-secret-key", "/root/keys/signing.key",
                                         "--module-signing-public-key", "/root/keys/signing.der"});
     EXPECT_EQ(r.status, 11);
@@ -422,7 +413,7 @@ TEST(Preparation, UserKeysMustExistAndThenSettleSigningAlone) {
     // Keys that exist settle it without a question to the kernel tree; with
     // no openssl that still ends in 33.
     lab::Host present;
-    ready(present).file("/root/keys/signing.key", "secret\n").file("/root/keys/signing.der", "public\n");
+    tree_host(present).file("/root/keys/signing.key", "secret\n").file("/root/keys/signing.der", "public\n");
     present.tool_missing("openssl");
     r = present.install({"--module-signing-secret-key", "/root/keys/signing.key", "--module-signing-public-key",
                          "/root/keys/signing.der"});

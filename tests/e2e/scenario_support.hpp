@@ -1,4 +1,4 @@
-// What the module scenarios share: the usual host, and the checks that an
+// What the scenarios share: the usual host, and the checks that an
 // administrator would make after a run (lines of the log in their order,
 // digests of installed files, and that the record names what the run left).
 #pragma once
@@ -12,7 +12,7 @@
 
 #include "lab_host.hpp"
 
-namespace kmod_e2e {
+namespace scenario {
 
 inline const std::string release = lab::default_release;
 inline const std::string package_dir = lab::default_package_dir;
@@ -20,7 +20,7 @@ inline const std::string module_dir = "/lib/modules/" + release + "/kernel/drive
 inline const std::string prefix = "/usr/local/quorl-3.2.1/";
 
 // A host that runs `release`, has its kernel tree, one card and the package.
-inline lab::Host& usual_host(lab::Host& host, lab::Card card = {}) {
+inline lab::Host& ready(lab::Host& host, lab::Card card = {}) {
     return host.kernel(release).kernel_tree(release).card(card).package();
 }
 
@@ -30,7 +30,7 @@ inline std::string failure_console(int code) {
            "\nLogfile is /var/log/vantoriaquorl/driver_installer.log\n";
 }
 
-inline std::string md5_in(lab::Host& host, const std::string& path) {
+inline std::string md5_of(lab::Host& host, const std::string& path) {
     return host.run({"md5sum", path}).out.substr(0, 32);
 }
 
@@ -50,6 +50,20 @@ inline ::testing::AssertionResult in_order(const std::string& text, const std::v
         at = found + piece.size();
     }
     return ::testing::AssertionSuccess();
+}
+
+// The lines of `block` stand together, in this order, in `text`.
+inline ::testing::AssertionResult holds(const std::string& text, const std::string& block) {
+    if (text.find(block) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "missing:\n" << block << "\nin:\n" << text;
+}
+
+inline std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
+        lines.push_back(text.substr(start, end - start));
+    return lines;
 }
 
 inline ::testing::AssertionResult lacks(const std::string& text, const std::string& piece) {
@@ -107,4 +121,4 @@ inline std::vector<std::string> unrecorded(const lab::Host& host, const std::vec
 inline const std::vector<std::string> installed_roots = {"/usr/lib/firmware", "/usr/lib/modules", "/usr/local",
                                                          "/usr/share/vantoria"};
 
-}  // namespace kmod_e2e
+}  // namespace scenario

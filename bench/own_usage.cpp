@@ -19,6 +19,8 @@
 //   cpu_ns   on-CPU time of the process, user and system (schedstat)
 //   utime_ticks, stime_ticks, clk_tck   the same split in clock ticks (stat)
 //   hwm_kib  peak resident set (VmHWM; the exec starts it afresh)
+//   children SIGCHLD signals the command received: about the number of
+//            commands it ran, each of which ends with one
 // The exit status of bench-own-usage is the command's.
 #include <fcntl.h>
 #include <signal.h>
@@ -109,6 +111,7 @@ int status_code(int wait_status) {
     if (write(go, "g", 1) != 1) _exit(1);
     close(go);
 
+    long children = 0;
     for (;;) {
         int wait_status = 0;
         if (waitpid(command, &wait_status, __WALL) < 0) {
@@ -126,10 +129,10 @@ int status_code(int wait_status) {
             if (out != nullptr) {
                 std::fprintf(out,
                              "status=%d\nwall_ns=%lld\ncpu_ns=%lld\nutime_ticks=%lld\nstime_ticks=%lld\n"
-                             "clk_tck=%ld\nhwm_kib=%lld\n",
+                             "clk_tck=%ld\nhwm_kib=%lld\nchildren=%ld\n",
                              status_code(static_cast<int>(exit_status)), wall, usage.cpu_ns - before.cpu_ns,
                              usage.utime_ticks - before.utime_ticks, usage.stime_ticks - before.stime_ticks,
-                             sysconf(_SC_CLK_TCK), usage.hwm_kib);
+                             sysconf(_SC_CLK_TCK), usage.hwm_kib, children);
                 std::fclose(out);
             }
             // The report is on disk before the command may end, and with it the host.
@@ -142,7 +145,9 @@ int status_code(int wait_status) {
             continue;
         }
         // A signal on its way to the command (mostly SIGCHLD of its commands): deliver it.
-        ptrace(PTRACE_CONT, command, nullptr, reinterpret_cast<void*>(static_cast<long>(WSTOPSIG(wait_status))));
+        const int signal = WSTOPSIG(wait_status);
+        if (signal == SIGCHLD) ++children;
+        ptrace(PTRACE_CONT, command, nullptr, reinterpret_cast<void*>(static_cast<long>(signal)));
     }
 }
 

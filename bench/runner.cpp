@@ -133,7 +133,7 @@ Values run_step(lab::Host& host, const std::vector<std::string>& argv, const std
 
 struct InstallRow {
     std::string name;
-    std::vector<double> wall_s, cpu_ms, share, hwm_mib;
+    std::vector<double> wall_s, cpu_ms, share, hwm_mib, commands;
     int failures = 0;
 };
 
@@ -160,11 +160,12 @@ void install_once(InstallRow& row, const std::vector<std::string>& options, bool
     row.cpu_ms.push_back(cpu / 1e6);
     row.share.push_back(cpu / wall);
     row.hwm_mib.push_back(static_cast<double>(v.at("hwm_kib")) / 1024);
+    row.commands.push_back(static_cast<double>(v.at("children")));
 }
 
 std::vector<InstallRow> measure_installations(const Settings& settings) {
-    InstallRow manual{"manual (--disable-dkms)", {}, {}, {}, {}, 0};
-    InstallRow dkms{"DKMS", {}, {}, {}, {}, 0};
+    InstallRow manual{"manual (--disable-dkms)", {}, {}, {}, {}, {}, 0};
+    InstallRow dkms{"DKMS", {}, {}, {}, {}, {}, 0};
     // The two paths alternate, so that a slow spell of the machine falls on both.
     for (int run = 1; run <= settings.runs; ++run) {
         progress("installation " + std::to_string(run) + "/" + std::to_string(settings.runs));
@@ -172,6 +173,42 @@ std::vector<InstallRow> measure_installations(const Settings& settings) {
         install_once(dkms, {}, true, run, settings);
     }
     return {manual, dkms};
+}
+
+// What any run of the installer costs it, whatever the host: starting the
+// process (measured by --help, which also runs the one shell of the locale
+// choice), and each further command it runs through the shell.
+struct FixedCosts {
+    std::vector<double> start_ms, shell_us;
+};
+
+// Own CPU of a command of the host as bench-own-usage sees it; -1 when it failed.
+double own_cpu_ms(lab::Host& host, std::vector<std::string> argv, const std::string& cwd) {
+    argv.insert(argv.begin(), {own_usage_in_host, "/tmp/fixed-usage"});
+    lab::RunOptions options;
+    options.cwd = cwd;
+    const lab::RunResult r = host.run(argv, options);
+    const Values v = parse_values(host.read("/tmp/fixed-usage").value_or(""));
+    if (r.status != 0 || v.empty()) return -1;
+    return static_cast<double>(v.at("cpu_ns")) / 1e6;
+}
+
+FixedCosts measure_fixed_costs(lab::Host& host, const Settings& settings) {
+    FixedCosts costs;
+    const std::string package = host.package_dir();
+    // Measured as the installations are, through the tracer, whose stop at
+    // each SIGCHLD is then part of the cost of a command on both sides.
+    const long shells = 200;
+    for (int run = 1; run <= settings.runs; ++run) {
+        progress("fixed costs " + std::to_string(run) + "/" + std::to_string(settings.runs));
+        const double start = own_cpu_ms(host, {"./quorl-driver-installer", "--help"}, package);
+        if (start >= 0) costs.start_ms.push_back(start);
+        const double none = own_cpu_ms(host, {steps_in_host, "shells", "0", package + "/.manifest"}, "/root");
+        const double many =
+            own_cpu_ms(host, {steps_in_host, "shells", std::to_string(shells), package + "/.manifest"}, "/root");
+        if (none >= 0 && many >= 0) costs.shell_us.push_back((many - none) * 1000 / static_cast<double>(shells));
+    }
+    return costs;
 }
 
 // --- copy and record of the user-space tree, removal walk ---------------------
@@ -228,6 +265,37 @@ StepRow measure_recording(lab::Host& host, long files, const Settings& settings)
     return row;
 }
 
+StepRow measure_removal(lab::Host& host, long files, const Settings& settings) {
+    StepRow row{"removal walk", files, {}, {}, {}, {}, {}, 0};
+    const std::string record = "/root/bench-record";
+    const std::string list = "/root/bench-list";
+    // The tree is made again before each walk; its files are the same every
+    // time, so one record made up front fits them all.
+    auto reset = [&] {
+        host.shell("rm -rf " + installed_tree + " /var/log/vantoriaquorl");
+        run_step(host, {steps_in_host, "make-tree", installed_tree, std::to_string(files)});
+    };
+    reset();
+    run_step(host, {steps_in_host, "digest-record", installed_tree, record});
+    run_step(host, {steps_in_host, "list", installed_tree, list});
+    for (int run = 1; run <= settings.runs; ++run) {
+        progress("removal walk of " + std::to_string(files) + " files " + std::to_string(run) + "/" +
+                 std::to_string(settings.runs));
+        step_against_baseline(
+            row, run, reset, [&] { return run_step(host, {steps_in_host, "baseline", list}); },
+            [&] {
+                Values v = run_step(host, {steps_in_host, "remove", record});
+                // Files left behind mean the walk skipped them: not the work to measure.
+                if (!v.empty() && v.at("left") != 0) {
+                    progress("the removal walk left " + std::to_string(v.at("left")) + " files");
+                    v.clear();
+                }
+                return v;
+            });
+    }
+    return row;
+}
+
 // --- --help --------------------------------------------------------------------
 
 struct HelpRow {
@@ -268,21 +336,28 @@ std::string failures_note(int failures) {
     return failures ? "  (" + std::to_string(failures) + " failed runs left out)" : "";
 }
 
-void print_installations(const std::vector<InstallRow>& rows) {
+void print_installations(const std::vector<InstallRow>& rows, const FixedCosts& costs) {
     std::printf("\nComplete first installation of the sample package (installer process alone, children excluded)\n");
-    std::printf("  %-24s %10s %12s %12s %12s   %s\n", "path", "wall", "own CPU", "CPU/wall", "peak RSS",
-                "target CPU/wall < 2%");
+    std::printf("  %-24s %9s %9s %9s %9s %9s %9s   %s\n", "path", "wall", "own CPU", "CPU/wall", "peak RSS",
+                "commands", "floor", "target CPU/wall < 2%");
+    const double start_ms = median(costs.start_ms), shell_ms = median(costs.shell_us) / 1000;
     for (const InstallRow& row : rows) {
         if (row.wall_s.empty()) {
             std::printf("  %-24s no successful run%s\n", row.name.c_str(), failures_note(row.failures).c_str());
             continue;
         }
-        const double share = median(row.share);
-        std::printf("  %-24s %10s %12s %12s %12s   %s%s\n", row.name.c_str(),
+        const double share = median(row.share), commands = median(row.commands);
+        // The start measured by --help already holds one command.
+        const double floor = start_ms + (commands - 1) * shell_ms;
+        std::printf("  %-24s %9s %9s %9s %9s %9.0f %9s   %s%s\n", row.name.c_str(),
                     format("%.3f s", median(row.wall_s)).c_str(), format("%.1f ms", median(row.cpu_ms)).c_str(),
                     format("%.2f %%", share * 100).c_str(), format("%.1f MiB", median(row.hwm_mib)).c_str(),
-                    verdict(share < 0.02).c_str(), failures_note(row.failures).c_str());
+                    commands, format("%.1f ms", floor).c_str(), verdict(share < 0.02).c_str(),
+                    failures_note(row.failures).c_str());
     }
+    std::printf("  floor: start of the process %.2f ms (own CPU of --help, one command included)\n"
+                "         + %.0f us of own CPU per further command (a digest through the shell, as the installer runs it)\n",
+                start_ms, shell_ms * 1000);
 }
 
 void print_steps(const std::string& title, const std::vector<StepRow>& rows) {
@@ -364,13 +439,16 @@ int main(int argc, char** argv) {
     std::vector<InstallRow> installations;
     if (settings.wants("install")) installations = measure_installations(settings);
 
-    std::vector<StepRow> recording;
+    std::vector<StepRow> recording, removal;
     HelpRow help;
-    if (settings.wants("record") || settings.wants("help")) {
+    FixedCosts costs;
+    {
         lab::Host host("bench-steps");
         prepare_host(host, true, settings);
-        if (settings.wants("record")) {
-            for (long files : {1000L, 10000L}) recording.push_back(measure_recording(host, files, settings));
+        if (settings.wants("install")) costs = measure_fixed_costs(host, settings);
+        for (long files : {1000L, 10000L}) {
+            if (settings.wants("record")) recording.push_back(measure_recording(host, files, settings));
+            if (settings.wants("remove")) removal.push_back(measure_removal(host, files, settings));
         }
         if (settings.wants("help")) help = measure_help(host, settings);
     }
@@ -379,9 +457,11 @@ int main(int argc, char** argv) {
     std::strftime(date, sizeof date, "%Y-%m-%d %H:%M", std::localtime(&started));
     std::printf("quorl-driver-installer benchmark, %s, medians of %d runs, in simulated hosts on %s\n", date,
                 settings.runs, settings.on_disk ? "the build tree's disk" : "a tmpfs");
-    if (!installations.empty()) print_installations(installations);
+    if (!installations.empty()) print_installations(installations, costs);
     if (!recording.empty())
         print_steps("Copy and record of the user-space tree, against one shell and one md5sum per file", recording);
+    if (!removal.empty())
+        print_steps("Removal walk of an install record of FILE entries, against the same baseline", removal);
     if (settings.wants("help")) print_help(help, settings);
     return 0;
 }

@@ -6,11 +6,14 @@
 //   bench-steps digest-record DIR RECORD   an install record with a FILE line per file under DIR
 //   bench-steps baseline LIST              one shell and one md5sum per file named in LIST
 //   bench-steps record PACKAGE_DIR         the copy and record of PACKAGE_DIR/quorl
+//   bench-steps remove RECORD              reading RECORD and walking it as a removal does
 //   bench-steps repeat N COMMAND [ARG...]  COMMAND N times, each timed
+//   bench-steps shells N FILE              N digests of FILE through the installer's command runner
 //
 // The timed modes print key=value lines on standard output: wall_ns, and for
 // the steps of the installer also cpu_ns (this process alone, user and
-// system), maxrss_kib (its peak resident set), entries and result.
+// system), maxrss_kib (its peak resident set), entries and result; remove
+// adds left, the files of the record that are still there afterwards.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -29,9 +32,12 @@
 #include "app/constants.hpp"
 #include "app/install_options.hpp"
 #include "app/log.hpp"
+#include "host/commands.hpp"
 #include "host/files.hpp"
 #include "installer/installer.hpp"
+#include "record/install_record.hpp"
 #include "record/run_state.hpp"
+#include "record/uninstall_engine.hpp"
 
 extern char** environ;
 
@@ -164,6 +170,26 @@ int record(const std::string& package_dir) {
     return result;
 }
 
+int remove(const std::string& record) {
+    log_init(log_file_path);
+    const long long cpu_start = own_cpu_ns();
+    const long long start = now_ns();
+    const std::vector<ManifestEntry> entries = read_install_record(record);
+    const int result = remove_entries(entries);
+    const long long wall = now_ns() - start;
+    const long long cpu = own_cpu_ns() - cpu_start;
+
+    // A walk that skipped its files (a digest that did not match) did not do the work.
+    long left = 0;
+    for (const ManifestEntry& entry : entries) {
+        if (entry.type == "FILE" && file_exists(entry.path)) ++left;
+    }
+    std::printf("wall_ns=%lld\ncpu_ns=%lld\nmaxrss_kib=%ld\nentries=%zu\nleft=%ld\nresult=%d\n", wall, cpu,
+                peak_rss_kib(), entries.size(), left, result);
+    log_close();
+    return result;
+}
+
 int repeat(long count, const std::vector<std::string>& argv) {
     std::vector<long long> times;
     int last = 0;
@@ -180,10 +206,27 @@ int repeat(long count, const std::vector<std::string>& argv) {
     return 0;
 }
 
+// What one command costs the installer itself: starting the shell, reading
+// its line of output, waiting for it. The command is the one it runs most.
+int shells(long count, const std::string& file) {
+    const std::string command = "md5sum '" + file + "' 2>&1";
+    const long long cpu_start = own_cpu_ns();
+    const long long start = now_ns();
+    int32_t status = 0;
+    std::string output;
+    bool started = true;
+    for (long i = 0; i < count; ++i) started = run_command(command, output, status) && started;
+    const long long wall = now_ns() - start;
+    const long long cpu = own_cpu_ns() - cpu_start;
+    std::printf("wall_ns=%lld\ncpu_ns=%lld\nruns=%ld\nresult=%d\n", wall, cpu, count, started ? status : 1);
+    return 0;
+}
+
 int usage() {
     std::fprintf(stderr,
                  "usage: bench-steps make-tree DIR COUNT | list DIR LIST | digest-record DIR RECORD |\n"
-                 "                   baseline LIST | record PACKAGE_DIR | repeat N COMMAND [ARG...]\n");
+                 "                   baseline LIST | record PACKAGE_DIR | remove RECORD | repeat N COMMAND [ARG...] |\n"
+                 "                   shells N FILE\n");
     return 2;
 }
 
@@ -196,6 +239,8 @@ int main(int argc, char** argv) {
     if (args.size() == 3 && args[0] == "digest-record") return digest_record(args[1], args[2]);
     if (args.size() == 2 && args[0] == "baseline") return baseline(args[1]);
     if (args.size() == 2 && args[0] == "record") return record(args[1]);
+    if (args.size() == 2 && args[0] == "remove") return remove(args[1]);
+    if (args.size() == 3 && args[0] == "shells") return shells(std::stol(args[1]), args[2]);
     if (args.size() >= 3 && args[0] == "repeat")
         return repeat(std::stol(args[1]), std::vector<std::string>(args.begin() + 2, args.end()));
     return usage();

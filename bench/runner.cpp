@@ -85,6 +85,12 @@ double median(std::vector<double> samples) {
     return samples.size() % 2 ? samples[middle] : (samples[middle - 1] + samples[middle]) / 2;
 }
 
+std::string format(const char* spec, double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, spec, value);
+    return text;
+}
+
 void progress(const std::string& text) {
     std::cerr << "bench: " << text << std::endl;
 }
@@ -162,6 +168,8 @@ void install_once(InstallRow& row, const std::vector<std::string>& options, bool
     row.share.push_back(cpu / wall);
     row.hwm_mib.push_back(static_cast<double>(v.at("hwm_kib")) / 1024);
     row.commands.push_back(static_cast<double>(v.at("children")));
+    progress("  " + row.name + ": wall " + format("%.3f s", wall / 1e9) + ", own CPU " + format("%.1f ms", cpu / 1e6) +
+             ", " + std::to_string(v.at("children")) + " commands");
 }
 
 std::vector<InstallRow> measure_installations(const Settings& settings) {
@@ -249,6 +257,8 @@ void step_against_baseline(StepRow& row, int run, const std::function<void()>& r
     row.cpu_ratio.push_back(step_tree / base_tree);
     row.step_cpu_s.push_back(step_tree / 1e9);
     row.baseline_cpu_s.push_back(base_tree / 1e9);
+    progress("  installer " + format("%.2f s", step_ns / 1e9) + " (CPU " + format("%.2f s", step_tree / 1e9) +
+             "), baseline " + format("%.2f s", base_ns / 1e9) + " (CPU " + format("%.2f s", base_tree / 1e9) + ")");
     row.cpu_share.push_back(static_cast<double>(measured.at("cpu_ns")) / step_ns);
     row.rss_mib.push_back(static_cast<double>(measured.at("maxrss_kib")) / 1024);
 }
@@ -327,12 +337,6 @@ HelpRow measure_help(lab::Host& host, const Settings& settings) {
 }
 
 // --- the table -------------------------------------------------------------------
-
-std::string format(const char* spec, double value) {
-    char text[64];
-    std::snprintf(text, sizeof text, spec, value);
-    return text;
-}
 
 std::string verdict(bool met) {
     return met ? "met" : "MISSED";

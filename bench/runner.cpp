@@ -25,12 +25,11 @@
 #include <sys/mount.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
-
-#include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -44,8 +43,8 @@
 #ifndef BENCH_HOSTS_DIR
 #error "BENCH_HOSTS_DIR must name the directory where the lab puts its hosts"
 #endif
-#ifndef BENCH_OWN_USAGE
-#error "BENCH_OWN_USAGE must name the bench-own-usage binary"
+#if !defined(BENCH_OWN_USAGE) || !defined(BENCH_STEPS)
+#error "BENCH_OWN_USAGE and BENCH_STEPS must name the bench's helper binaries"
 #endif
 
 namespace {
@@ -85,9 +84,9 @@ double median(std::vector<double> samples) {
     return samples.size() % 2 ? samples[middle] : (samples[middle - 1] + samples[middle]) / 2;
 }
 
-std::string format(const char* spec, double value) {
+std::string format(const char* pattern, double value) {
     char text[64];
-    std::snprintf(text, sizeof text, spec, value);
+    std::snprintf(text, sizeof text, pattern, value);
     return text;
 }
 
@@ -111,11 +110,11 @@ bool hosts_on_tmpfs(std::string* why) {
     return true;
 }
 
-// A host with the bench's helpers in it; `full` adds what an installation needs.
-void prepare_host(lab::Host& host, bool full, const Settings& settings) {
+// A default host (the lab's kernel and a tree for it, one good card, the
+// sample package) with the bench's helpers in it.
+void prepare_host(lab::Host& host, const Settings& settings) {
     host.keep(settings.keep);
-    host.kernel(lab::default_release);
-    if (full) host.kernel_tree(lab::default_release).card({}).package();
+    host.kernel(lab::default_release).kernel_tree(lab::default_release).card({}).package();
     host.copy(BENCH_OWN_USAGE, own_usage_in_host);
     host.copy(BENCH_STEPS, steps_in_host);
 }
@@ -147,7 +146,7 @@ struct InstallRow {
 void install_once(InstallRow& row, const std::vector<std::string>& options, bool expect_dkms, int run,
                   const Settings& settings) {
     lab::Host host("bench-install-" + std::string(expect_dkms ? "dkms-" : "manual-") + std::to_string(run));
-    prepare_host(host, true, settings);
+    prepare_host(host, settings);
     std::vector<std::string> argv = {own_usage_in_host, "/tmp/own-usage", "./quorl-driver-installer"};
     argv.insert(argv.end(), options.begin(), options.end());
     lab::RunOptions run_options;
@@ -225,7 +224,7 @@ FixedCosts measure_fixed_costs(lab::Host& host, const Settings& settings) {
 struct StepRow {
     std::string name;
     long files = 0;
-    std::vector<double> step_s, baseline_s, ratio, cpu_ratio, step_cpu_s, baseline_cpu_s, cpu_share, rss_mib;
+    std::vector<double> step_s, baseline_s, ratio, cpu_ratio, step_cpu_s, baseline_cpu_s, rss_mib;
     int failures = 0;
 };
 
@@ -259,12 +258,11 @@ void step_against_baseline(StepRow& row, int run, const std::function<void()>& r
     row.baseline_cpu_s.push_back(base_tree / 1e9);
     progress("  installer " + format("%.2f s", step_ns / 1e9) + " (CPU " + format("%.2f s", step_tree / 1e9) +
              "), baseline " + format("%.2f s", base_ns / 1e9) + " (CPU " + format("%.2f s", base_tree / 1e9) + ")");
-    row.cpu_share.push_back(static_cast<double>(measured.at("cpu_ns")) / step_ns);
     row.rss_mib.push_back(static_cast<double>(measured.at("maxrss_kib")) / 1024);
 }
 
 StepRow measure_recording(lab::Host& host, long files, const Settings& settings) {
-    StepRow row{"copy and record", files, {}, {}, {}, {}, {}, {}, {}, {}, 0};
+    StepRow row{"copy and record", files, {}, {}, {}, {}, {}, {}, {}, 0};
     const std::string tree = generated_package + "/quorl";
     const std::string list = "/root/bench-list";
     host.shell("rm -rf " + generated_package);
@@ -282,7 +280,7 @@ StepRow measure_recording(lab::Host& host, long files, const Settings& settings)
 }
 
 StepRow measure_removal(lab::Host& host, long files, const Settings& settings) {
-    StepRow row{"removal walk", files, {}, {}, {}, {}, {}, {}, {}, {}, 0};
+    StepRow row{"removal walk", files, {}, {}, {}, {}, {}, {}, {}, 0};
     const std::string record = "/root/bench-record";
     const std::string list = "/root/bench-list";
     // The tree is made again before each walk; its files are the same every
@@ -405,8 +403,6 @@ void print_steps(const std::string& title, const std::vector<StepRow>& rows) {
                     growth(small.baseline_cpu_s, large.baseline_cpu_s), large.files, small.files, drift,
                     verdict(drift <= 1.1).c_str());
     }
-    std::printf("  CPU ratio: CPU time of the process tree, the installer's and all its commands', which a busy\n"
-                "  machine disturbs less than the wall time\n");
 }
 
 void print_help(const HelpRow& row, const Settings& settings) {
@@ -435,7 +431,9 @@ int main(int argc, char** argv) {
         } else if (arg == "--help-runs" && i + 1 < argc) {
             settings.help_runs = std::max(1, std::stoi(argv[++i]));
         } else if (arg == "--only" && i + 1 < argc) {
-            settings.parts.insert(argv[++i]);
+            const std::string part = argv[++i];
+            if (part != "install" && part != "record" && part != "remove" && part != "help") return usage();
+            settings.parts.insert(part);
         } else if (arg == "--on-disk") {
             settings.on_disk = true;
         } else if (arg == "--keep") {
@@ -465,7 +463,7 @@ int main(int argc, char** argv) {
     FixedCosts costs;
     {
         lab::Host host("bench-steps");
-        prepare_host(host, true, settings);
+        prepare_host(host, settings);
         if (settings.wants("install")) costs = measure_fixed_costs(host, settings);
         for (long files : {1000L, 10000L}) {
             if (settings.wants("record")) recording.push_back(measure_recording(host, files, settings));
@@ -483,6 +481,9 @@ int main(int argc, char** argv) {
         print_steps("Copy and record of the user-space tree, against one shell and one md5sum per file", recording);
     if (!removal.empty())
         print_steps("Removal walk of an install record of FILE entries, against the same baseline", removal);
+    if (!recording.empty() || !removal.empty())
+        std::printf("  (CPU ratio: of the CPU time of the whole process tree, the installer's and all its commands',\n"
+                    "  which a busy machine disturbs less than the wall time)\n");
     if (settings.wants("help")) print_help(help, settings);
     return 0;
 }

@@ -482,8 +482,8 @@ int main(int argc, char** argv) {
     if (!removal.empty())
         print_steps("Removal walk of an install record of FILE entries, against the same baseline", removal);
     if (!recording.empty() || !removal.empty())
-        std::printf("  (CPU ratio: of the CPU time of the whole process tree, the installer's and all its commands',\n"
-                    "  which a busy machine disturbs less than the wall time)\n");
+        std::printf("  (CPU ratio: the same ratio of the CPU time of the whole process tree, the installer's and all\n"
+                    "  its commands', which a busy machine disturbs less than the wall time)\n");
     if (settings.wants("help")) print_help(help, settings);
     return 0;
 }

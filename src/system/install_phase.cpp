@@ -1,6 +1,8 @@
 #include "system/install_phase.hpp"
 
 #include <cstring>
+#include <iterator>
+#include <utility>
 #include <unistd.h>
 
 #include "app/log.hpp"
@@ -28,19 +30,24 @@ bool dkms_path_chosen(bool disable_dkms, const std::function<bool()>& dkms_on_pa
     return !disable_dkms && dkms_on_path() && environment != 2;
 }
 
-std::vector<ManifestEntry> rebase_user_entries(const std::vector<ManifestEntry>& scanned,
+std::vector<ManifestEntry> rebase_user_entries(std::vector<ManifestEntry> scanned,
                                                const std::string& driver_prefix,
                                                const std::function<bool(const std::string&)>& exists) {
-    std::vector<ManifestEntry> kept;
-    for (const ManifestEntry& entry : scanned) {
+    // Rebased in place: a tree of thousands of files is not copied again.
+    size_t kept = 0;
+    for (size_t i = 0; i < scanned.size(); ++i) {
+        ManifestEntry& entry = scanned[i];
         // "quorl" itself: driver_prefix is no part of the package's tree.
         if (entry.path.size() < 6) continue;
-        const std::string path = driver_prefix + entry.path.substr(6);
+        std::string path = driver_prefix + entry.path.substr(6);
         // What the copy did not put in place, or a link to nothing, is not ours to remove.
         if (!exists(path)) continue;
-        kept.push_back({entry.type, path, entry.md5});
+        entry.path = std::move(path);
+        if (kept != i) scanned[kept] = std::move(entry);
+        ++kept;
     }
-    return kept;
+    scanned.resize(kept);
+    return scanned;
 }
 
 int DriverInstaller::install() {
@@ -92,9 +99,10 @@ int DriverInstaller::install_user_files() {
         return code::user_files_copy_failed;
     }
 
-    const std::vector<ManifestEntry> user_entries =
+    std::vector<ManifestEntry> user_entries =
         rebase_user_entries(scan_tree("quorl"), driver_prefix, [](const std::string& path) { return file_exists(path); });
-    install_entries.insert(install_entries.end(), user_entries.begin(), user_entries.end());
+    install_entries.insert(install_entries.end(), std::make_move_iterator(user_entries.begin()),
+                           std::make_move_iterator(user_entries.end()));
 
     // driver_prefix ends in "/": the doubled slash is kept, here and in the record.
     const std::string link_path = driver_prefix + "/lib";

@@ -23,6 +23,6 @@ bool dkms_path_chosen(bool disable_dkms, const std::function<bool()>& dkms_on_pa
 // The scan of the package's "quorl" tree moved to where the copy put it:
 // "quorl/x" becomes driver_prefix + "x". The entry of "quorl" itself and
 // entries whose new path does not exist (links followed) are dropped.
-std::vector<ManifestEntry> rebase_user_entries(const std::vector<ManifestEntry>& scanned,
+std::vector<ManifestEntry> rebase_user_entries(std::vector<ManifestEntry> scanned,
                                                const std::string& driver_prefix,
                                                const std::function<bool(const std::string&)>& exists);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <regex>
+#include <unordered_map>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -97,7 +98,12 @@ int32_t module_use_state_in(const std::string& text, const std::string& name) {
     snprintf(pattern, sizeof pattern, "^(?:%s)[ \t]+([0-9]+)[ \t]+([0-9]+).*", name.c_str());
     // Without the multiline flag "^" holds only at the start of the text, so
     // only the first line of /proc/modules can match.
-    const std::regex expression(pattern, std::regex::ECMAScript);
+    // Compiling the expression costs more than all the rest of the check, and
+    // a run asks about the same few names again and again: keep each one.
+    static std::unordered_map<std::string, std::regex> compiled;
+    auto found = compiled.find(pattern);
+    if (found == compiled.end()) found = compiled.emplace(pattern, std::regex(pattern, std::regex::ECMAScript)).first;
+    const std::regex& expression = found->second;
     std::smatch match;
     if (!std::regex_search(text, match, expression)) return 0;
     if (match.size() == 3) {

@@ -5,7 +5,6 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -183,13 +182,7 @@ int build_with_dkms(DriverInstaller& installer) {
     // A kernel that is not running cannot take the module. The run still ends
     // as failed, so the user-space tree is not copied, though the message is
     // no error.
-    struct utsname host{};
-    uname(&host);
-    if (package.kernel_version != host.release) {
-        log_message(2, "Configured kernel source %s is not the running one. skip module install.\n",
-                    package.kernel_version.c_str());
-        return code::not_running_kernel;
-    }
+    if (!built_for_running_kernel(package.kernel_version)) return code::not_running_kernel;
 
     return check_module_loads(installer, config, version);
 }

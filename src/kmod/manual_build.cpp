@@ -2,7 +2,6 @@
 
 #include <ctime>
 #include <string>
-#include <sys/utsname.h>
 
 #include "app/log.hpp"
 #include "app/result_codes.hpp"
@@ -118,13 +117,7 @@ int DriverInstaller::build_install_module(const std::string& module_name, const 
         return 0;
     }
 
-    struct utsname host{};
-    uname(&host);
-    if (package.kernel_version != host.release) {
-        log_message(2, "Configured kernel source %s is not the running one. skip module install.\n",
-                    package.kernel_version.c_str());
-        return code::not_running_kernel;
-    }
+    if (!built_for_running_kernel(package.kernel_version)) return code::not_running_kernel;
 
     fetch_module_version(installed_path);
 

@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "app/log.hpp"
@@ -156,6 +157,15 @@ std::string module_load_error_text(int error) {
 }
 
 bool is_key_error(int error) { return error >= 126 && error <= 129; }
+
+bool built_for_running_kernel(const std::string& kernel_version) {
+    struct utsname host{};
+    uname(&host);
+    if (kernel_version == host.release) return true;
+    log_message(2, "Configured kernel source %s is not the running one. skip module install.\n",
+                kernel_version.c_str());
+    return false;
+}
 
 int report_load_failure(const std::string& module, int32_t error) {
     const std::string text = module_load_error_text(error);

@@ -32,6 +32,10 @@ std::string module_load_error_text(int error);
 // ENOKEY, EKEYEXPIRED, EKEYREVOKED, EKEYREJECTED: the kernel did not accept the signature.
 bool is_key_error(int error);
 
+// Whether the modules were built for the kernel that runs; a module for
+// another kernel cannot be tried, which is said, at no error level.
+bool built_for_running_kernel(const std::string& kernel_version);
+
 // Tells why the kernel refused `module` (a name or a file) and gives the
 // code: 50 for a signature the kernel did not accept, 49 for anything else,
 // "Module already in kernel" included.

@@ -5,6 +5,11 @@
 #include <fstream>
 #include <string>
 
+#include <gtest/gtest.h>
+
+#include "app/log.hpp"
+#include "record/run_state.hpp"
+
 // A scratch directory for one test, removed with everything in it at the end.
 class TempDir {
 public:
@@ -35,3 +40,22 @@ inline std::string slurp(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
 }
+
+// A test that starts from a fresh process state, with the log written to a
+// file of its own scratch directory.
+class LoggedTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        reset_run_state();
+        log_reset_for_tests();
+        log_init(log_path.c_str());
+    }
+    void TearDown() override {
+        log_reset_for_tests();
+        reset_run_state();
+    }
+    std::string log_text() const { return slurp(log_path); }
+
+    TempDir dir;
+    const std::string log_path = dir / "installer.log";
+};

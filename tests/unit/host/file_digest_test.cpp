@@ -8,20 +8,7 @@
 
 namespace {
 
-class FileDigestTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        reset_run_state();
-        log_reset_for_tests();
-        log_init(log_path.c_str());
-    }
-    void TearDown() override {
-        log_reset_for_tests();
-        reset_run_state();
-    }
-    TempDir dir;
-    std::string log_path = dir / "digest.log";
-};
+using FileDigestTest = LoggedTest;
 
 TEST_F(FileDigestTest, DigestOfFilesAndFailures) {
     // md5("hello\n")

@@ -16,24 +16,12 @@ namespace {
 // md5 of "installed\n" and of "edited\n".
 const std::string installed_md5 = "d1357b6d77e6561ac5af85c36c77b46e";
 
-class UninstallEngineTest : public ::testing::Test {
+class UninstallEngineTest : public LoggedTest {
 protected:
-    void SetUp() override {
-        reset_run_state();
-        log_reset_for_tests();
-        log_init(log_path.c_str());
-    }
-    void TearDown() override {
-        log_reset_for_tests();
-        reset_run_state();
-    }
-    std::string log_text() const { return slurp(log_path); }
     bool contains(const std::string& text, const std::string& part) const {
         return text.find(part) != std::string::npos;
     }
 
-    TempDir dir;
-    const std::string log_path = dir / "installer.log";
     const std::string base = dir / "quorl/";
 };
 

@@ -111,22 +111,7 @@ TEST(Service, DestinationsAndRecordedPaths) {
     }
 }
 
-class ServiceLogTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        reset_run_state();
-        log_reset_for_tests();
-        log_init(log_path.c_str());
-    }
-    void TearDown() override {
-        log_reset_for_tests();
-        reset_run_state();
-    }
-    std::string log_text() const { return slurp(log_path); }
-
-    TempDir dir;
-    const std::string log_path = dir / "installer.log";
-};
+using ServiceLogTest = LoggedTest;
 
 // One answer of `systemctl status` as the query reports it.
 struct Answer {

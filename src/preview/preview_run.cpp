@@ -58,6 +58,18 @@ bool prepare_keep(const std::string& dir, std::string* error) {
             return false;
         }
     }
+    // Judged where the directory is, or will be, before anything is made.
+    std::string existing = dir;
+    while (!fs::exists(existing)) existing = fs::path(existing).parent_path().string();
+    struct statfs fs_info;
+    if (statfs(existing.c_str(), &fs_info) != 0) {
+        *error = failure("--keep " + dir);
+        return false;
+    }
+    if (fs_info.f_type == overlayfs_magic) {
+        *error = "--keep " + dir + " lies on overlayfs, which cannot hold the upper layer of another";
+        return false;
+    }
     std::error_code ec;
     fs::create_directories(dir, ec);
     if (ec || !fs::is_directory(dir)) {
@@ -66,11 +78,6 @@ bool prepare_keep(const std::string& dir, std::string* error) {
     }
     if (!fs::is_empty(dir, ec)) {
         *error = "--keep " + dir + " is not empty";
-        return false;
-    }
-    struct statfs fs_info;
-    if (statfs(dir.c_str(), &fs_info) != 0 || fs_info.f_type == overlayfs_magic) {
-        *error = "--keep " + dir + " lies on overlayfs, which cannot hold the upper layer of another";
         return false;
     }
     return true;

@@ -1,8 +1,9 @@
 // quorl-driver-preview: runs ./quorl-driver-installer, with the options it
 // is given, over a copy-on-write view of this machine, and reports what the
 // installation would have changed.  Its exit status is the installation's;
-// 125 when the preview itself cannot run.  Started as systemctl, it is the
-// stand-in that answers the installer's systemctl calls inside the view.
+// 125 when the preview itself cannot run.  Started under another name, it is
+// the stand-in that answers the installer's systemctl calls inside the view
+// (and those of systemctl's other names, such as reboot).
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -25,8 +26,9 @@ int cannot_preview(const std::string& why) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (std::filesystem::path(argv[0]).filename() == "systemctl")
-        return preview::systemctl_stand_in(std::vector<std::string>(argv + 1, argv + argc));
+    const std::string name = std::filesystem::path(argv[0]).filename();
+    if (!name.starts_with("quorl-driver-preview"))
+        return preview::systemctl_stand_in(name, std::vector<std::string>(argv + 1, argv + argc));
 
     CLI::App app{"Shows what ./quorl-driver-installer would change on this machine, without changing anything.",
                  "quorl-driver-preview"};

@@ -109,13 +109,15 @@ std::vector<std::string> wanted_by(const std::string& unit_file_text) {
     return targets;
 }
 
-int systemctl_stand_in(const std::vector<std::string>& args) {
+int systemctl_stand_in(const std::string& name, const std::vector<std::string>& args) {
     // Outside a view this program must not touch the machine's systemd files.
     if (access(run_state_dir, F_OK) != 0) {
-        std::fprintf(stderr, "systemctl: this is quorl-driver-preview's stand-in, which only works inside a preview\n");
+        std::fprintf(stderr, "%s: this is quorl-driver-preview's stand-in for systemctl, which only works inside a preview\n",
+                     name.c_str());
         return 1;
     }
-    std::ofstream(std::string(run_state_dir) + "/calls/systemctl", std::ios::app) << call_line("systemctl", args) << "\n";
+    std::ofstream(std::string(run_state_dir) + "/calls/systemctl", std::ios::app) << call_line(name, args) << "\n";
+    if (name != "systemctl") return 0;
     std::string verb;
     std::vector<std::string> units;
     for (const auto& a : args) {

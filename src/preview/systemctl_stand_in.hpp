@@ -11,7 +11,10 @@
 
 namespace preview {
 
-int systemctl_stand_in(const std::vector<std::string>& args);
+// `name` is the name it was started under: "systemctl", or one of the other
+// names that systemctl answers to (reboot, poweroff...), whose calls are
+// recorded as they were made and do nothing.
+int systemctl_stand_in(const std::string& name, const std::vector<std::string>& args);
 
 // One call as the record shows it: the words joined by blanks, each quoted
 // for the shell where it needs it.

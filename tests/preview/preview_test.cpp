@@ -57,7 +57,13 @@ Lines tail_after(const Lines& all, size_t from) { return Lines(all.begin() + sta
 Outcome preview(lab::Host& host, const Lines& args) {
     const auto changes = host.changes();
     const auto modules = host.proc_modules();
-    const auto calls = host.calls("systemctl");
+    auto stub_calls = [&] {
+        Lines all;
+        for (const char* tool : {"systemctl", "dracut", "journalctl", "dmesg"})
+            for (const auto& call : host.calls(tool)) all.push_back(call);
+        return all;
+    };
+    const auto calls = stub_calls();
     std::string script = R"sh(mounts=$(cat /proc/self/mountinfo); before=(/run/realproc/[0-9]*)
 ./quorl-driver-preview --json "$@"; status=$?
 after=(/run/realproc/[0-9]*)
@@ -70,7 +76,7 @@ exit $status)sh";
     EXPECT_EQ(r.err.find("LEFT BEHIND"), std::string::npos) << r.err;
     EXPECT_EQ(host.changes(), changes);
     EXPECT_EQ(host.proc_modules(), modules);
-    EXPECT_EQ(host.calls("systemctl"), calls);
+    EXPECT_EQ(stub_calls(), calls);
     Outcome o;
     const auto report = nlohmann::json::parse(r.out, nullptr, false);
     if (report.is_discarded()) {
@@ -143,6 +149,40 @@ TEST(Preview, TellsWhatTheInstallationRightAfterItDoes) {
         EXPECT_EQ(previewed.systemctl, c.systemctl);
         EXPECT_EQ(previewed, install(host, c.args));
     }
+}
+
+// A stand-in for the installer tells what it sees in the view.
+TEST(Preview, TheInstallerSeesThisMachineAndNoWayOut) {
+    LAB_REQUIRE();
+    lab::Host host;
+    ready(host, {}, "/srv/probe");
+    host.proc_modules("nvme 57344 0 - Live 0xffffffffc0a00000\n")
+        .file("/tmp/machine-file", "x\n")
+        .file("/run/machine-socket", "")
+        .file("/srv/probe/quorl-driver-installer", R"sh(#!/bin/bash
+try() { if (eval "$2") >/dev/null 2>&1; then echo "$1: yes"; else echo "$1: no"; fi; }
+try "write /sys" "touch /sys/probe"
+try "write /proc/sys" "echo 1 > /proc/sys/kernel/sysrq"
+try "write /etc" "echo probe > /etc/probe"
+rm /etc/debian_version
+echo "tmp: $(ls -A /tmp | tr '\n' ' ')"
+echo "run: $(ls /run | tr '\n' ' ')"
+echo "network: $(tail -n +3 /proc/net/dev | cut -d: -f1 | tr -d ' ' | tr '\n' ' ')"
+echo "modules: $(cut -d' ' -f1 /proc/modules | tr '\n' ' ')"
+echo "hostname: $(hostname)"
+systemctl status nothing-here; echo "status of an unknown unit: $?"
+exit 7
+)sh", 0755);
+    const lab::RunResult r = host.run({"./quorl-driver-preview", "--json"}, preview_options("/srv/probe"));
+    EXPECT_EQ(r.status, 7);
+    EXPECT_EQ(r.err, "write /sys: no\nwrite /proc/sys: no\nwrite /etc: yes\ntmp: \nrun: lock quorl-preview realproc \n"
+                     "network: lo \nmodules: nvme \nhostname: lab\nUnit nothing-here.service could not be found.\n"
+                     "status of an unknown unit: 4\n");
+    const auto report = nlohmann::json::parse(r.out, nullptr, false);
+    EXPECT_EQ(report["created"], nlohmann::json::array({"/etc/probe"}));
+    EXPECT_EQ(report["deleted"], nlohmann::json::array({"/etc/debian_version"}));
+    EXPECT_EQ(report["systemctl"], nlohmann::json::array({"systemctl status nothing-here"}));
+    EXPECT_EQ(host.changes(), std::vector<lab::Change>{});
 }
 
 TEST(Preview, PassesOnTheInstallersAnswerOrSaysInOneLineWhyItCannotRun) {

@@ -33,6 +33,8 @@
 #include <set>
 #include <sstream>
 
+#include "preview/text_files.hpp"
+
 extern char** environ;
 
 namespace preview {
@@ -52,39 +54,11 @@ constexpr int nr_kexec_file_load = 320;
 constexpr uint64_t max_image = 256u << 20;
 constexpr unsigned long long module_base = 0xffffffffc0a00000ULL;
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// Rewrites in place: /proc/modules of the view is a bind mount of this very inode.
-void overwrite(const std::string& path, const std::string& text) {
-    int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) return;
-    for (size_t off = 0; off < text.size();) {
-        ssize_t w = write(fd, text.data() + off, text.size() - off);
-        if (w <= 0) break;
-        off += static_cast<size_t>(w);
-    }
-    close(fd);
-}
-
-void append(const std::string& path, const std::string& text) { overwrite(path, slurp(path) + text); }
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 // The kernel's side of one sandbox.
 class Kernel {
 public:
     explicit Kernel(std::string state) : state_(std::move(state)) {
-        std::string r = slurp(state_ + "/kernel/release");
+        std::string r = read_text(state_ + "/kernel/release");
         release_ = r.substr(0, r.find('\n'));
     }
 
@@ -111,7 +85,7 @@ private:
     // The errno chosen for loading ("load") or unloading ("unload") a module.
     int chosen_errno(const std::string& name, const std::string& what) {
         int err = 0;
-        for (const auto& line : lines_of(slurp(state_ + "/kernel/answers/" + name))) {
+        for (const auto& line : lines_of(read_text(state_ + "/kernel/answers/" + name))) {
             if (line.rfind(what + "=", 0) == 0) err = std::atoi(line.c_str() + what.size() + 1);
         }
         return err;
@@ -122,7 +96,7 @@ private:
     }
 
     int load(const std::string& name, size_t image_size, const char* how) {
-        std::string text = slurp(modules_path());
+        std::string text = read_text(modules_path());
         int err = chosen_errno(name, "load");
         if (!err && module_line(text, name) != std::string::npos) err = EEXIST;
         if (err) {
@@ -134,15 +108,15 @@ private:
         char line[512];
         std::snprintf(line, sizeof line, "%s %lu 0 - Live 0x%llx\n", name.c_str(), size ? size : 4096,
                       next_address(text));
-        overwrite(modules_path(), line + text);
+        write_text(modules_path(), line + text);
         sync_sys_modules(line + text, state_ + "/sys/module");
-        append(state_ + "/kernel/journal", "load " + name + "\n");
+        append_text(state_ + "/kernel/journal", "load " + name + "\n");
         log(name + ": loaded by " + how);
         return 0;
     }
 
     int unload(const std::string& name) {
-        std::string text = slurp(modules_path());
+        std::string text = read_text(modules_path());
         size_t at = module_line(text, name);
         int err = 0;
         if (at == std::string::npos) {
@@ -159,9 +133,9 @@ private:
         }
         size_t end = text.find('\n', at);
         text.erase(at, end == std::string::npos ? std::string::npos : end + 1 - at);
-        overwrite(modules_path(), text);
+        write_text(modules_path(), text);
         sync_sys_modules(text, state_ + "/sys/module");
-        append(state_ + "/kernel/journal", "unload " + name + "\n");
+        append_text(state_ + "/kernel/journal", "unload " + name + "\n");
         log(name + ": unloaded");
         return 0;
     }
@@ -509,8 +483,8 @@ void sync_sys_modules(const std::string& proc_modules, const std::string& sys_mo
         listed.insert(name);
         std::string m = sys_module + "/" + name;
         fs::create_directories(m + "/holders", ec);
-        overwrite(m + "/refcnt", refcnt + "\n");
-        overwrite(m + "/initstate", state == "Loading" ? "coming\n" : state == "Unloading" ? "going\n" : "live\n");
+        write_text(m + "/refcnt", refcnt + "\n");
+        write_text(m + "/initstate", state == "Loading" ? "coming\n" : state == "Unloading" ? "going\n" : "live\n");
         std::set<std::string> holders;
         std::istringstream d(deps == "-" ? "" : deps);
         for (std::string h; std::getline(d, h, ',');) {
@@ -532,16 +506,16 @@ void sync_sys_modules(const std::string& proc_modules, const std::string& sys_mo
 // Numbered lines, so that a log can be compared exactly.
 void append_kernel_log(const std::string& state, const std::string& text) {
     std::string path = state + "/run/kmsg";
-    std::string old = slurp(path);
+    std::string old = read_text(path);
     size_t n = static_cast<size_t>(std::count(old.begin(), old.end(), '\n'));
     char stamp[32];
     std::snprintf(stamp, sizeof stamp, "[%5zu.000000] ", n + 1);
-    overwrite(path, old + stamp + text + "\n");
+    write_text(path, old + stamp + text + "\n");
 }
 
 ModuleJournal read_module_journal(const std::string& state) {
     ModuleJournal journal;
-    for (const auto& line : lines_of(slurp(state + "/kernel/journal"))) {
+    for (const auto& line : lines_of(read_text(state + "/kernel/journal"))) {
         if (line.rfind("load ", 0) == 0) journal.loaded.push_back(line.substr(5));
         if (line.rfind("unload ", 0) == 0) journal.unloaded.push_back(line.substr(7));
     }

@@ -19,6 +19,7 @@
 
 #include "preview/kernel_stand_in.hpp"
 #include "preview/sandbox.hpp"
+#include "preview/text_files.hpp"
 
 extern char** environ;
 
@@ -34,13 +35,6 @@ constexpr long overlayfs_magic = 0x794c7630;
 // The scratch of a preview: a tmpfs over /run in the preview's own mount
 // namespace, so that it vanishes with the preview.
 constexpr const char* scratch = "/run";
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 bool within(const std::string& path, const std::string& tree) {
     return path == tree || path.rfind(tree + "/", 0) == 0;
@@ -96,13 +90,6 @@ std::vector<std::string> systemctl_places() {
         if (!dir.empty() && access(candidate.c_str(), X_OK) == 0 && realpath(candidate.c_str(), real)) places.insert(real);
     }
     return {places.begin(), places.end()};
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
 }
 
 // Passes the command's two streams on as they come and keeps a copy of both.
@@ -175,9 +162,9 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
     box->changes = request.keep.empty() ? base + "/changes" : request.keep;
     for (const auto& dir : {box->stage, box->state + "/proc", base + "/empty"}) fs::create_directories(dir);
     // The kernel as it is now: the module list, /sys/module after it, the command line.
-    const std::string modules = slurp("/proc/modules");
+    const std::string modules = read_text("/proc/modules");
     std::ofstream(box->state + "/proc/modules") << modules;
-    std::ofstream(box->state + "/proc/cmdline") << slurp("/proc/cmdline");
+    std::ofstream(box->state + "/proc/cmdline") << read_text("/proc/cmdline");
     sync_sys_modules(modules, box->state + "/sys/module");
     for (const auto& place : systemctl_places()) box->binds.push_back({self, place});
     // The kept directory is no part of what the installer sees.
@@ -243,9 +230,9 @@ std::optional<Report> run_preview(const PreviewRequest& request, std::string* er
     const auto journal = read_module_journal(box.state);
     report.modules_unloaded = journal.unloaded;
     report.modules_loaded = journal.loaded;
-    report.systemctl = lines_of(slurp(box.state + "/run/calls/systemctl"));
+    report.systemctl = lines_of(read_text(box.state + "/run/calls/systemctl"));
     auto log = resolve(view_of(box, true), installer_log, true);
-    if (log && S_ISREG(log->st.st_mode)) report.log = slurp(log->host);
+    if (log && S_ISREG(log->st.st_mode)) report.log = read_text(log->host);
     if (!request.keep.empty()) {
         std::ofstream(request.keep + "/driver_installer.log") << report.log;
         report.kept = request.keep;

@@ -21,6 +21,7 @@
 #include <sstream>
 
 #include "preview/kernel_stand_in.hpp"
+#include "preview/text_files.hpp"
 
 namespace preview {
 
@@ -499,15 +500,9 @@ int run_sandboxed(const Sandbox& box, std::string* error) {
 }
 
 std::string sandbox_obstacle() {
-    auto slurp = [](const char* path) {
-        std::ifstream in(path);
-        std::ostringstream text;
-        text << in.rdbuf();
-        return text.str();
-    };
     if (geteuid() != 0) return "not run as root";
-    if (slurp("/proc/filesystems").find("\toverlay\n") == std::string::npos) return "no overlayfs in this kernel";
-    if (slurp("/proc/sys/kernel/seccomp/actions_avail").find("user_notif") == std::string::npos)
+    if (read_text("/proc/filesystems").find("\toverlay\n") == std::string::npos) return "no overlayfs in this kernel";
+    if (read_text("/proc/sys/kernel/seccomp/actions_avail").find("user_notif") == std::string::npos)
         return "no seccomp user notification in this kernel";
     pid_t pid = fork();
     if (pid == 0) {

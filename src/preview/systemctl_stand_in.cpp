@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "preview/sandbox.hpp"
+#include "preview/text_files.hpp"
 
 namespace preview {
 
@@ -28,17 +29,10 @@ std::string unit_file(const std::string& unit) {
     return "";
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 void enable(const std::string& unit) {
     std::string file = unit_file(unit);
     if (file.empty()) return;
-    for (const auto& target : wanted_by(slurp(file))) {
+    for (const auto& target : wanted_by(read_text(file))) {
         std::string dir = "/etc/systemd/system/" + target + ".wants", link = dir + "/" + unit_name(unit);
         std::error_code ec;
         fs::create_directories(dir, ec);

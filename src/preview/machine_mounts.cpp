@@ -49,6 +49,7 @@ bool has_option(const std::string& options, const std::string& name) {
 
 std::vector<MachineMount> content_mounts(const std::string& mountinfo) {
     std::vector<MachineMount> mounts;
+    std::set<std::string> seen, shown;  // the ids of the mounts read, and of those the view shows
     std::istringstream lines(mountinfo);
     for (std::string line; std::getline(lines, line);) {
         std::istringstream fields(line);
@@ -61,9 +62,13 @@ std::vector<MachineMount> content_mounts(const std::string& mountinfo) {
         point = unescape(point);
         // Whatever was mounted at this place or below it before is covered now.
         std::erase_if(mounts, [&](const MachineMount& m) { return within(m.path, point); });
-        bool hidden = kernel_file_systems.count(type) > 0;
+        // A mount inside one that the view does not show (an automount point,
+        // a private tree) is not shown either.
+        bool hidden = kernel_file_systems.count(type) > 0 || (seen.count(parent) && !shown.count(parent));
+        seen.insert(id);
         for (const char* tree : private_trees) hidden = hidden || within(point, tree);
         if (hidden && point != "/") continue;
+        shown.insert(id);
         mounts.push_back({point, has_option(options, "ro"), has_option(options, "nosuid"), has_option(options, "nodev"),
                           has_option(options, "noexec")});
     }

@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,15 +21,16 @@
 #include <set>
 #include <sstream>
 
-#include "layers.hpp"
-#include "sandbox.hpp"
+#include "preview/kernel_stand_in.hpp"
+#include "preview/sandbox.hpp"
+#include "preview/view.hpp"
 
-#ifndef LAB_LAUNCHER
-#error "LAB_LAUNCHER must name the lab-launcher binary"
+#ifndef LAB_PREVIEW
+#error "LAB_PREVIEW must name the quorl-driver-preview binary"
 #endif
 
 namespace fs = std::filesystem;
-using lab::detail::Components;
+using preview::Components;
 
 namespace lab {
 
@@ -178,10 +180,10 @@ void make_dirs_like_machine(const std::string& layer, const std::string& path)
 {
     // Layer directories take the machine's modes so that the merge looks
     // the same as the machine where they coincide.
-    Components parts = detail::split(path);
+    Components parts = preview::split(path);
     std::string host = layer, here = "";
     for (const auto& p : parts) {
-        host = detail::join(host, p);
+        host = preview::join(host, p);
         here += "/" + p;
         struct stat st;
         if (lstat(host.c_str(), &st) == 0)
@@ -226,7 +228,7 @@ std::string tools_layer()
     if (stub.empty())
         fail("missing " + source_dir + "/stubs/stub.sh");
     std::vector<std::string> leftovers = machine_leftovers();
-    std::string signature = stub + build_dir;
+    std::string signature = "systemctl stand-in\n" + stub + build_dir;
     for (const auto& p : leftovers)
         signature += "\n" + p;
     std::string name = cache_dir + "/tools-" + hash_of(signature);
@@ -235,15 +237,23 @@ std::string tools_layer()
         make_dirs_like_machine(t, "/usr/lib/lab");
         spit(t + "/usr/lib/lab/stub", stub, 0755);
         make_dirs_like_machine(t, "/usr/bin");
-        std::vector<std::string> stubs = {"systemctl", "journalctl", "dracut", "dmesg"};
+        std::vector<std::string> stubs = {"journalctl", "dracut", "dmesg"};
         if (!fs::exists("/usr/bin/systemd-escape"))
             stubs.push_back("systemd-escape");
         for (const auto& s : stubs) {
             fs::create_symlink("/usr/lib/lab/stub", t + "/usr/bin/" + s);
             if (fs::exists("/usr/sbin/" + s)) {
                 make_dirs_like_machine(t, "/usr/sbin");
-                detail::make_whiteout(t + "/usr/sbin/" + s);
+                preview::make_whiteout(t + "/usr/sbin/" + s);
             }
+        }
+        // systemctl is the preview's own stand-in, bound over this place at
+        // each run, so that both answer the installer alike.
+        spit(t + "/usr/lib/lab/systemctl", "", 0755);
+        fs::create_symlink("/usr/lib/lab/systemctl", t + "/usr/bin/systemctl");
+        if (fs::exists("/usr/sbin/systemctl")) {
+            make_dirs_like_machine(t, "/usr/sbin");
+            preview::make_whiteout(t + "/usr/sbin/systemctl");
         }
         // What this machine has of kernels, module trees and drivers, its
         // administrator's home, and the build tree with the hosts themselves.
@@ -251,11 +261,11 @@ std::string tools_layer()
              {std::string("/usr/lib/modules"), std::string("/usr/src"), std::string("/usr/local"),
               std::string("/var/lib/dkms"), std::string("/root"), build_dir}) {
             make_dirs_like_machine(t, hidden);
-            detail::make_opaque(t + hidden);
+            preview::make_opaque(t + hidden);
         }
         for (const auto& p : leftovers) {
             make_dirs_like_machine(t, fs::path(p).parent_path().string());
-            detail::make_whiteout(t + p);
+            preview::make_whiteout(t + p);
         }
         fs::copy_file(keys + "/mok.key", t + "/var/lib/dkms/mok.key");
         fs::copy_file(keys + "/mok.pub", t + "/var/lib/dkms/mok.pub");
@@ -293,34 +303,32 @@ struct Host::Impl {
 
     std::string fixture() const { return dir + "/fixture"; }
 
-    detail::View view() const
+    // The host as the engine runs it: the fixture and the stand-ins over
+    // this machine, the kernel's state in the scratch directory itself.
+    preview::Sandbox sandbox() const
     {
-        detail::View v;
-        v.layers = {dir + "/upper", fixture(), tools_layer(), "/"};
-        v.binds = {{{"tmp"}, dir + "/tmp"},
-                   {{"sys"}, dir + "/sys"},
-                   {{"proc", "modules"}, dir + "/proc/modules"},
-                   {{"proc", "cmdline"}, dir + "/proc/cmdline"},
-                   {{"proc", "version"}, dir + "/proc/version"},
-                   {{"run"}, fixture() + "/run"},
-                   {{"run", "lab"}, dir + "/lab"}};
-        v.fresh = {{"proc"}, {"dev"}};
-        return v;
+        preview::Sandbox box;
+        box.stage = dir + "/rt";
+        box.layers = {fixture(), tools_layer()};
+        box.content = preview::content_mounts();
+        box.changes = dir + "/changes";
+        box.state = dir;
+        box.own_sys = true;
+        box.run_seed = fixture() + "/run";
+        box.tmp = dir + "/tmp";
+        box.binds = {{LAB_PREVIEW, "/usr/lib/lab/systemctl"}};
+        box.hostname = "lab";
+        return box;
     }
 
-    detail::View before() const
-    {
-        detail::View v;
-        v.layers = {fixture(), tools_layer(), "/"};
-        return v;
-    }
+    preview::View view() const { return preview::view_of(sandbox(), true); }
 
     // Where a new entry at `path` goes: the parent is resolved through the
     // host's symlinks (so /lib/x lands in usr/lib/x of the fixture, keeping
     // the merged-usr links intact), and its directories are made.
     std::string place(const std::string& path)
     {
-        Components parts = detail::split(path);
+        Components parts = preview::split(path);
         if (parts.empty()) {
             fail("cannot place the root directory");
             return fixture();
@@ -331,7 +339,7 @@ struct Host::Impl {
         Components canon;
         for (size_t i = 0; i < parts.size(); ++i) {
             Components c;
-            auto entry = detail::resolve(v, detail::to_path(canon) + "/" + parts[i], true, &c);
+            auto entry = preview::resolve(v, preview::to_path(canon) + "/" + parts[i], true, &c);
             if (entry && S_ISDIR(entry->st.st_mode)) {
                 canon = c;
             } else {
@@ -341,11 +349,15 @@ struct Host::Impl {
         }
         canon.push_back(name);
         // Paths served by the host's own directories are written there.
-        for (const auto& [prefix, host] : v.binds) {
+        const std::pair<Components, std::string> own[] = {
+            {{"run", "quorl-preview"}, dir + "/run"}, {{"proc", "modules"}, dir + "/proc/modules"},
+            {{"proc", "cmdline"}, dir + "/proc/cmdline"}, {{"proc", "version"}, dir + "/proc/version"},
+            {{"run"}, fixture() + "/run"}, {{"tmp"}, dir + "/tmp"}, {{"sys"}, dir + "/sys"}};
+        for (const auto& [prefix, host] : own) {
             if (canon.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), canon.begin())) {
                 std::string p = host;
                 for (size_t i = prefix.size(); i < canon.size(); ++i)
-                    p = detail::join(p, canon[i]);
+                    p = preview::join(p, canon[i]);
                 fs::create_directories(fs::path(p).parent_path());
                 return p;
             }
@@ -353,11 +365,11 @@ struct Host::Impl {
         Components parent(canon.begin(), canon.end() - 1);
         std::string host = fixture();
         for (size_t i = 0; i < parent.size(); ++i) {
-            host = detail::join(host, parent[i]);
+            host = preview::join(host, parent[i]);
             struct stat st;
             if (lstat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
                 continue;
-            auto merged = detail::lookup(v, Components(parent.begin(), parent.begin() + static_cast<long>(i) + 1));
+            auto merged = preview::lookup(v, Components(parent.begin(), parent.begin() + static_cast<long>(i) + 1));
             mode_t mode = merged && S_ISDIR(merged->st.st_mode) ? merged->st.st_mode & 07777 : 0755;
             fs::remove(host);
             mkdir(host.c_str(), mode);
@@ -365,23 +377,15 @@ struct Host::Impl {
         }
         // A new description of the host wins over what earlier runs left.
         std::error_code ec;
-        fs::remove_all(dir + "/upper" + detail::to_path(canon), ec);
-        return detail::join(host, name);
-    }
-
-    void write_kmsg_line(const std::string& text)
-    {
-        std::string path = dir + "/lab/kmsg";
-        std::string old = slurp(path).value_or("");
-        size_t n = static_cast<size_t>(std::count(old.begin(), old.end(), '\n'));
-        char stamp[32];
-        std::snprintf(stamp, sizeof stamp, "[%5zu.000000] ", n + 1);
-        spit(path, old + stamp + text + "\n");
+        std::string written = preview::written_at(sandbox(), preview::to_path(canon));
+        if (!written.empty())
+            fs::remove_all(written, ec);
+        return preview::join(host, name);
     }
 
     void set_module_result(const std::string& module, const std::string& what, int err)
     {
-        std::string path = dir + "/lab/modules/" + module;
+        std::string path = dir + "/kernel/answers/" + module;
         std::string kept;
         for (const auto& line : lines_of(slurp(path).value_or(""))) {
             if (line.rfind(what + "=", 0) != 0)
@@ -394,42 +398,7 @@ struct Host::Impl {
 
     // /sys/module follows /proc/modules, as it does on a real host, so that
     // kmod (which looks at /sys) and the installer (which reads /proc) agree.
-    void sync_sys_modules()
-    {
-        std::string sysmod = dir + "/sys/module";
-        fs::create_directories(sysmod);
-        std::set<std::string> listed;
-        for (const auto& line : lines_of(slurp(dir + "/proc/modules").value_or(""))) {
-            std::istringstream in(line);
-            std::string name, size, refcnt, deps, state;
-            if (!(in >> name >> size >> refcnt >> deps >> state))
-                continue;
-            listed.insert(name);
-            std::string m = sysmod + "/" + name;
-            fs::create_directories(m + "/holders");
-            spit(m + "/refcnt", refcnt + "\n");
-            spit(m + "/initstate", state == "Loading" ? "coming\n" : state == "Unloading" ? "going\n" : "live\n");
-            std::set<std::string> holders;
-            std::istringstream d(deps == "-" ? "" : deps);
-            for (std::string h; std::getline(d, h, ',');) {
-                if (!h.empty())
-                    holders.insert(h);
-            }
-            for (const auto& e : fs::directory_iterator(m + "/holders")) {
-                if (!holders.count(e.path().filename().string()))
-                    fs::remove(e.path());
-            }
-            for (const auto& h : holders) {
-                if (!fs::exists(fs::symlink_status(m + "/holders/" + h)))
-                    fs::create_symlink("../../" + h, m + "/holders/" + h);
-            }
-        }
-        for (const auto& e : fs::directory_iterator(sysmod)) {
-            // Built-in modules have no initstate; loaded ones no longer listed go.
-            if (!listed.count(e.path().filename().string()) && fs::exists(e.path() / "initstate"))
-                fs::remove_all(e.path());
-        }
-    }
+    void sync_sys_modules() { preview::sync_sys_modules(slurp(dir + "/proc/modules").value_or(""), dir + "/sys/module"); }
 };
 
 Host::Host(std::string name) : impl_(new Impl)
@@ -446,7 +415,7 @@ Host::Host(std::string name) : impl_(new Impl)
     std::error_code ec;
     fs::remove_all(impl_->dir, ec);
     const std::string& d = impl_->dir;
-    for (const char* sub : {"fixture/run", "upper", "work", "rt", "proc", "lab/calls", "lab/answers", "lab/modules",
+    for (const char* sub : {"fixture/run", "changes", "rt", "proc", "kernel/answers", "run/calls", "run/answers",
                             "sys/bus/pci/devices", "sys/bus/pci/drivers", "sys/devices/pci0000:00", "sys/module",
                             "sys/firmware", "sys/kernel", "sys/class"})
         fs::create_directories(d + "/" + sub);
@@ -454,8 +423,8 @@ Host::Host(std::string name) : impl_(new Impl)
     chmod((d + "/tmp").c_str(), 01777);
     spit(d + "/proc/modules", "");
     spit(d + "/proc/cmdline", "BOOT_IMAGE=/boot/vmlinuz root=/dev/vda1 ro quiet\n");
-    spit(d + "/lab/kmsg", "");
-    spit(d + "/proc/cgroup", "0::/user.slice/user-0.slice/session-1.scope\n");
+    spit(d + "/run/kmsg", "");
+    spit(d + "/cgroup", "0::/user.slice/user-0.slice/session-1.scope\n");
     tools_layer();
 }
 
@@ -492,7 +461,7 @@ Host& Host::kernel(std::string release)
 {
     impl_->release = release;
     impl_->kernel_set = true;
-    spit(impl_->dir + "/lab/release", release + "\n");
+    spit(impl_->dir + "/kernel/release", release + "\n");
     spit(impl_->dir + "/proc/version",
          "Linux version " + release + " (lab@lab) (gcc, GNU ld) #1 SMP PREEMPT_DYNAMIC Debian (lab)\n");
     module_skeleton(*this, release);
@@ -526,7 +495,7 @@ Host& Host::kernel_tree(std::string release, std::vector<std::string> config)
     std::error_code ec;
     fs::remove_all(dest, ec);
     std::string error;
-    if (!detail::copy_layer(tree + "/tree", dest, &error))
+    if (!preview::copy_tree(tree + "/tree", dest, &error))
         fail("copy the kernel tree: " + error);
     module_skeleton(*this, release);
     symlink("/usr/src/linux-headers-" + release, "/usr/lib/modules/" + release + "/build");
@@ -605,7 +574,7 @@ Host& Host::proc_modules(std::string text)
 
 Host& Host::cgroup(std::optional<std::string> text)
 {
-    std::string path = impl_->dir + "/proc/cgroup";
+    std::string path = impl_->dir + "/cgroup";
     if (text) {
         spit(path, *text);
     } else {
@@ -664,7 +633,7 @@ Host& Host::copy(std::string from, std::string path, mode_t mode)
 
 Host& Host::remove(std::string path)
 {
-    detail::make_whiteout(impl_->place(path));
+    preview::make_whiteout(impl_->place(path));
     return *this;
 }
 
@@ -688,9 +657,12 @@ Host& Host::tool_fails(std::string name, int status, std::string output)
 
 Host& Host::answer(std::string tool, std::string args, int status, std::string out, int times, std::string err)
 {
+    // systemctl is the preview's stand-in until a test tells it what to answer.
+    if (tool == "systemctl")
+        stub(tool);
     char n[16];
     std::snprintf(n, sizeof n, "%04d", ++impl_->answers);
-    std::string a = impl_->dir + "/lab/answers/" + tool + "/" + n;
+    std::string a = impl_->dir + "/run/answers/" + tool + "/" + n;
     spit(a + "/pattern", args);
     spit(a + "/status", std::to_string(status) + "\n");
     if (!out.empty())
@@ -716,7 +688,7 @@ Host& Host::unload_result(std::string module, int err)
 
 Host& Host::kernel_message(std::string line)
 {
-    impl_->write_kmsg_line(line);
+    preview::append_kernel_log(impl_->dir, line);
     return *this;
 }
 
@@ -732,12 +704,57 @@ Host& Host::package(std::string dir)
     std::error_code ec;
     fs::remove_all(host, ec);
     std::string error;
-    if (!detail::copy_layer(from, host, &error))
+    if (!preview::copy_tree(from, host, &error))
         fail("copy the sample package: " + error);
-    fs::copy_file(LAB_INSTALLER, host + "/quorl-driver-installer", fs::copy_options::overwrite_existing, ec);
-    if (ec)
-        fail("copy the installer: " + ec.message());
-    chmod((host + "/quorl-driver-installer").c_str(), 0755);
+    for (const auto& [from, name] : {std::pair{LAB_INSTALLER, "quorl-driver-installer"},
+                                     std::pair{LAB_PREVIEW, "quorl-driver-preview"}}) {
+        fs::copy_file(from, host + "/" + name, fs::copy_options::overwrite_existing, ec);
+        if (ec)
+            fail(std::string("copy ") + name + ": " + ec.message());
+        chmod((host + "/" + name).c_str(), 0755);
+    }
+    return *this;
+}
+
+namespace {
+
+// Lays an upper directory over a layer, the way the overlay shows the two.
+void fold(const std::string& upper, const std::string& layer)
+{
+    std::error_code listed;
+    for (const auto& entry : fs::directory_iterator(upper, listed)) {
+        const std::string name = entry.path().filename().string();
+        std::string from = upper + "/" + name, to = layer + "/" + name;
+        struct stat st, old;
+        if (lstat(from.c_str(), &st) != 0)
+            continue;
+        bool merge = S_ISDIR(st.st_mode) && !preview::is_opaque(from) && lstat(to.c_str(), &old) == 0 &&
+                     S_ISDIR(old.st_mode);
+        std::error_code ec;
+        std::string error;
+        if (merge) {
+            chmod(to.c_str(), st.st_mode & 07777);
+            fold(from, to);
+        } else if (preview::is_whiteout(st)) {
+            preview::make_whiteout(to);
+        } else {
+            fs::remove_all(to, ec);
+            if (!preview::copy_tree(from, to, &error))
+                fail("settle the host: " + error);
+        }
+    }
+}
+
+}  // namespace
+
+Host& Host::settle()
+{
+    const auto box = impl_->sandbox();
+    for (const auto& u : preview::uppers_of(box))
+        fold(u.dir, impl_->fixture() + (u.at.empty() ? "" : preview::to_path(u.at)));
+    std::error_code ec;
+    fs::remove_all(box.changes, ec);
+    fs::create_directories(box.changes);
     return *this;
 }
 
@@ -754,18 +771,16 @@ RunResult Host::run(std::vector<std::string> argv, RunOptions options)
     impl_->sync_sys_modules();
     const std::string& d = impl_->dir;
 
-    detail::Sandbox box;
-    box.scratch = d;
-    box.tools = tools_layer();
-    box.launcher = LAB_LAUNCHER;
+    preview::Sandbox box = impl_->sandbox();
+    box.answer_kernel = options.lab_kernel;
     box.argv = std::move(argv);
     box.cwd = options.cwd;
     box.uid = options.uid;
     box.gid = options.gid;
     box.network = options.network;
     box.timeout = options.timeout;
-    if (fs::exists(d + "/proc/cgroup"))
-        box.cgroup = d + "/proc/cgroup";
+    if (fs::exists(d + "/cgroup"))
+        box.cgroup = d + "/cgroup";
 
     const char* term = getenv("TERM");
     std::map<std::string, std::string> env = {
@@ -778,15 +793,24 @@ RunResult Host::run(std::vector<std::string> argv, RunOptions options)
     for (const auto& [k, v] : env)
         box.env.push_back(k + "=" + v);
 
+    std::vector<int> streams;
     if (options.capture) {
         spit(d + "/in", options.input);
-        box.stdin_file = options.input.empty() ? "/dev/null" : d + "/in";
-        box.stdout_file = d + "/out";
-        box.stderr_file = d + "/err";
+        auto open_stream = [&](const std::string& path, int flags) {
+            streams.push_back(open(path.c_str(), flags | O_CLOEXEC, 0644));
+            return streams.back();
+        };
+        box.stdin_fd = open_stream(options.input.empty() ? "/dev/null" : d + "/in", O_RDONLY);
+        box.stdout_fd = open_stream(d + "/out", O_WRONLY | O_CREAT | O_TRUNC);
+        box.stderr_fd = open_stream(d + "/err", O_WRONLY | O_CREAT | O_TRUNC);
     }
     std::string error;
     RunResult r;
-    r.status = detail::run_sandboxed(box, &error);
+    r.status = preview::run_sandboxed(box, &error);
+    for (int fd : streams) {
+        if (fd >= 0)
+            close(fd);
+    }
     if (!error.empty())
         fail("the run in the simulated host failed: " + error);
     if (options.capture) {
@@ -811,7 +835,7 @@ RunResult Host::install(std::vector<std::string> args, RunOptions options)
 
 std::optional<std::string> Host::read(std::string path) const
 {
-    auto e = detail::resolve(impl_->view(), path, true);
+    auto e = preview::resolve(impl_->view(), path, true);
     if (!e || !S_ISREG(e->st.st_mode))
         return std::nullopt;
     return slurp(e->host);
@@ -819,18 +843,18 @@ std::optional<std::string> Host::read(std::string path) const
 
 bool Host::exists(std::string path) const
 {
-    return detail::resolve(impl_->view(), path, true).has_value();
+    return preview::resolve(impl_->view(), path, true).has_value();
 }
 
 bool Host::is_symlink(std::string path) const
 {
-    auto e = detail::resolve(impl_->view(), path, false);
+    auto e = preview::resolve(impl_->view(), path, false);
     return e && S_ISLNK(e->st.st_mode);
 }
 
 std::optional<std::string> Host::link_target(std::string path) const
 {
-    auto e = detail::resolve(impl_->view(), path, false);
+    auto e = preview::resolve(impl_->view(), path, false);
     if (!e || !S_ISLNK(e->st.st_mode))
         return std::nullopt;
     std::error_code ec;
@@ -839,35 +863,35 @@ std::optional<std::string> Host::link_target(std::string path) const
 
 mode_t Host::mode(std::string path) const
 {
-    auto e = detail::resolve(impl_->view(), path, true);
+    auto e = preview::resolve(impl_->view(), path, true);
     return e ? e->st.st_mode & 07777 : 0;
 }
 
 std::vector<std::string> Host::list(std::string dir) const
 {
     Components canon;
-    auto e = detail::resolve(impl_->view(), dir, true, &canon);
+    auto e = preview::resolve(impl_->view(), dir, true, &canon);
     if (!e)
         return {};
-    return detail::list(impl_->view(), canon);
+    return preview::list(impl_->view(), canon);
 }
 
 std::vector<Change> Host::changes() const
 {
     std::vector<Change> out;
-    for (const auto& d : detail::differences(impl_->dir + "/upper", impl_->before()))
+    for (const auto& d : preview::changes_of(impl_->sandbox()))
         out.push_back({d.kind, d.path});
     return out;
 }
 
 std::vector<std::string> Host::calls(std::string tool) const
 {
-    return lines_of(slurp(impl_->dir + "/lab/calls/" + tool).value_or(""));
+    return lines_of(slurp(impl_->dir + "/run/calls/" + tool).value_or(""));
 }
 
 std::string Host::kernel_log() const
 {
-    return slurp(impl_->dir + "/lab/kmsg").value_or("");
+    return slurp(impl_->dir + "/run/kmsg").value_or("");
 }
 
 std::string Host::proc_modules() const
@@ -902,7 +926,7 @@ std::string Host::package_dir() const
 
 std::optional<std::string> Host::locate(std::string path) const
 {
-    auto e = detail::resolve(impl_->view(), path, false);
+    auto e = preview::resolve(impl_->view(), path, false);
     if (!e)
         return std::nullopt;
     return e->host;
@@ -910,32 +934,21 @@ std::optional<std::string> Host::locate(std::string path) const
 
 bool lab_available(std::string* why)
 {
-    static std::optional<std::string> reason;
-    if (!reason) {
-        std::string r;
-        std::string filesystems = slurp("/proc/filesystems").value_or("");
-        std::string actions = slurp("/proc/sys/kernel/seccomp/actions_avail").value_or("");
-        if (geteuid() != 0) {
-            r = "not root";
-        } else if (filesystems.find("\toverlay\n") == std::string::npos) {
-            r = "no overlayfs in /proc/filesystems";
-        } else if (actions.find("user_notif") == std::string::npos) {
-            r = "no seccomp user notification in this kernel";
-        } else {
-            // CAP_SYS_ADMIN and namespaces: try what every run does first.
-            pid_t pid = fork();
-            if (pid == 0)
-                _exit(unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWUTS | CLONE_NEWIPC | CLONE_NEWNET) == 0 ? 0 : 1);
-            int status = 1;
-            waitpid(pid, &status, 0);
-            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-                r = "cannot make mount, pid, uts, ipc and network namespaces (CAP_SYS_ADMIN)";
-        }
-        reason = r;
-    }
+    static const std::string reason = preview::sandbox_obstacle();
     if (why)
-        *why = *reason;
-    return reason->empty();
+        *why = reason;
+    return reason.empty();
+}
+
+std::string machine_release()
+{
+    struct utsname u;
+    return ::uname(&u) == 0 ? u.release : "";
+}
+
+preview::ModuleJournal Host::module_events() const
+{
+    return preview::read_module_journal(impl_->dir);
 }
 
 bool sample_package_available(std::string* why)

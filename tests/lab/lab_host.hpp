@@ -23,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include "preview/kernel_stand_in.hpp"
+
 namespace lab {
 
 // The release a host runs when the test does not choose one.
@@ -53,6 +55,9 @@ struct RunOptions {
     std::string input;             // standard input; empty gives /dev/null
     bool capture = true;           // false: the command shares this process's terminal
     unsigned timeout = 600;        // seconds before the run is killed and the test fails; 0 never
+    // false: the lab does not play the kernel, so that the command can
+    // (the preview does); uname then reports this machine's release.
+    bool lab_kernel = true;
 };
 
 struct Change {
@@ -115,9 +120,12 @@ public:
     Host& unload_result(std::string module, int err);
     // A line for the kernel log, before the lines the lab writes itself.
     Host& kernel_message(std::string line);
-    // The sample package, with the installer binary in it, at `dir`.
+    // The sample package, with the installer and the preview in it, at `dir`.
     Host& package(std::string dir = default_package_dir);
     Host& keep(bool = true);  // keep the scratch directory even on success
+    // Makes the host as the runs left it the host's description: later
+    // change lists tell only what later runs do.
+    Host& settle();
 
     // --- running --------------------------------------------------------
     RunResult run(std::vector<std::string> argv, RunOptions = {});
@@ -138,6 +146,8 @@ public:
     std::vector<Change> changes() const;
     std::vector<std::string> calls(std::string tool) const;
     std::string kernel_log() const;
+    // The modules that the lab's kernel loaded and unloaded, in order.
+    preview::ModuleJournal module_events() const;
     std::string proc_modules() const;
     std::string log() const;     // /var/log/vantoriaquorl/driver_installer.log
     std::string record() const;  // /var/log/vantoriaquorl/uninstall/.driver_uninstall_manifests
@@ -156,6 +166,8 @@ private:
 // Root, CAP_SYS_ADMIN, overlayfs, seccomp user notification.  Tests that
 // need the lab skip with the reason otherwise.
 bool lab_available(std::string* why);
+// The release this machine runs: what uname reports in a run without the lab's kernel.
+std::string machine_release();
 // The sample package and the fake kernel tree generator are in the source tree.
 bool sample_package_available(std::string* why);
 

@@ -1,13 +1,16 @@
 // lab-run: a simulated host for people.  Makes the default host (a kernel
 // tree for the running release, one card with good firmware, the sample
-// package with the installer), runs a command in it (an interactive shell
-// when none is given) and says where the host lies.
+// package with the installer and the preview), runs a command in it (an
+// interactive shell when none is given) and says where the host lies.
 //
-//   lab-run [--name NAME] [--release R] [--discard] [--report] [--install] [[--] COMMAND...]
+//   lab-run [--name NAME] [--release R] [--discard] [--report] [--preview] [--install] [[--] COMMAND...]
 //
 //   --name NAME   scratch directory under <build>/lab-hosts (default lab-run);
 //                 an earlier host of that name is replaced
-//   --release R   the running kernel of the host (default 6.1.0-lab-amd64)
+//   --release R   the running kernel of the host (default: this machine's,
+//                 which a preview needs, since it plays the kernel itself)
+//   --preview     run the preview from the package directory first; the
+//                 command's words are the installer's options
 //   --install     run the installer from the package directory; the
 //                 command's words are its options
 //   --report      capture the console, then print the exit status, the
@@ -28,7 +31,7 @@ namespace {
 
 int usage()
 {
-    std::cerr << "usage: lab-run [--name NAME] [--release R] [--discard] [--report] [--install] [-- COMMAND...]\n";
+    std::cerr << "usage: lab-run [--name NAME] [--release R] [--discard] [--report] [--preview] [--install] [-- COMMAND...]\n";
     return 2;
 }
 
@@ -43,8 +46,8 @@ void section(const std::string& title, const std::string& text)
 
 int main(int argc, char** argv)
 {
-    std::string name = "lab-run", release = lab::default_release;
-    bool discard = false, report = false, install = false;
+    std::string name = "lab-run", release = lab::machine_release();
+    bool discard = false, report = false, install = false, preview = false;
     std::vector<std::string> command;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
@@ -62,6 +65,8 @@ int main(int argc, char** argv)
             report = true;
         else if (a == "--install")
             install = true;
+        else if (a == "--preview")
+            preview = true;
         else if (a == "-h" || a == "--help")
             return usage(), 0;
         else if (!a.empty() && a[0] != '-') {
@@ -84,6 +89,19 @@ int main(int argc, char** argv)
     options.capture = report;
     options.timeout = 0;  // a person at a shell takes the time they need
     lab::RunResult r;
+    if (preview) {
+        lab::RunOptions in_package;
+        in_package.cwd = host.package_dir();
+        in_package.capture = false;
+        in_package.timeout = 0;
+        in_package.lab_kernel = false;  // the preview plays the kernel itself
+        std::vector<std::string> argv = {"./quorl-driver-preview"};
+        argv.insert(argv.end(), command.begin(), command.end());
+        r = host.run(argv, in_package);
+        if (!install)
+            return r.status;
+        std::cout << "\n";
+    }
     if (install) {
         r = host.install(command, options);
     } else {

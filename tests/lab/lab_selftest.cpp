@@ -79,7 +79,7 @@ TEST(LabRun, CommandsGetTheirStatusStreamsAndOptions)
         {{"bash", "-c", "echo $LAB_WORD $PATH $HOME"}, with_env, 0, "hello /usr/bin:/bin /root\n", ""},
         {{"wc", "-l"}, with_input, 0, "2\n", ""},
         {{"hostname"}, {}, 0, "lab\n", ""},
-        {{"no-such-program"}, {}, 127, "", "lab-launcher: cannot run no-such-program: No such file or directory\n"},
+        {{"no-such-program"}, {}, 127, "", "quorl-driver-preview: cannot run no-such-program: No such file or directory\n"},
         // The machine's kernel tunables and device nodes stay out of reach (the
         // hostname is the host's own, so a failing guard harms nothing here).
         {{"bash", "-c", "echo other > /proc/sys/kernel/hostname"}, {}, 1, "",
@@ -162,7 +162,7 @@ TEST(LabHost, KernelFacingFilesShowWhatTheTestDescribed)
          " 06 00 00 00 01\n"},
         {"cat /etc/os-release", "ID=debian\nVERSION_ID=\"12\"\n"},
         {"ls /run/systemd/journal; touch /run/gone-at-next-boot", "socket\n"},
-        {"ls /run", "lab\nlock\nrealproc\nsystemd\n"},
+        {"ls /run", "lock\nquorl-preview\nrealproc\nsystemd\n"},
         {"readlink /proc/self/exe", "/usr/bin/readlink\n"},
         {"ls -d /lib/modules/*", "/lib/modules/6.1.0-77-amd64\n"},
         {"ls /lib/modules/6.1.0-77-amd64", "build\nkernel\nmodules.builtin\nmodules.builtin.modinfo\nmodules.order\n"},
@@ -335,9 +335,9 @@ TEST(LabStubs, RecordCallsAndAnswerAsTold)
         {"systemctl enable lab-demo@a && readlink /etc/systemd/system/multi-user.target.wants/lab-demo@a.service",
          "/lib/systemd/system/lab-demo@.service\n", 0},
         {"systemctl restart lab-demo@a && systemctl status lab-demo@a",
-         "● lab-demo@a.service - Lab demo %i\n"
-         "     Loaded: loaded (/lib/systemd/system/lab-demo@.service; enabled; preset: enabled)\n"
-         "     Active: active (running)\n",
+         "● lab-demo@a.service\n"
+         "     Loaded: loaded (/lib/systemd/system/lab-demo@.service)\n"
+         "     Active: inactive (dead)\n",
          0},
         {"systemctl status lab-demo@b", "   Main PID: 1234 (code=exited, status=1/FAILURE)\n", 3},
         {"systemctl status lab-demo@b", "   Main PID: 1234 (code=exited, status=1/FAILURE)\n", 3},
@@ -450,7 +450,7 @@ TEST(LabHost, ScratchDirectoryIsRemovedUnlessKept)
         kept = host.dir();
     }
     EXPECT_FALSE(fs::exists(removed));
-    EXPECT_TRUE(fs::is_directory(kept + "/upper"));
+    EXPECT_TRUE(fs::is_directory(kept + "/changes"));
     fs::remove_all(kept);
 }
 

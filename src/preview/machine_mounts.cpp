@@ -1,0 +1,81 @@
+#include "preview/machine_mounts.hpp"
+
+#include <fstream>
+#include <set>
+#include <sstream>
+
+namespace preview {
+
+namespace {
+
+// File systems of the kernel's own, which hold no files of the machine.
+const std::set<std::string> kernel_file_systems = {
+    "proc",    "sysfs",    "devtmpfs",  "devpts",   "mqueue",    "cgroup",    "cgroup2",     "securityfs",
+    "debugfs", "tracefs",  "pstore",    "bpf",      "configfs",  "fusectl",   "hugetlbfs",   "autofs",
+    "binfmt_misc", "efivarfs", "rpc_pipefs", "nsfs", "selinuxfs", "nfsd", "fuse.gvfsd-fuse", "fuse.portal"};
+
+// The view's own mount points: what lies in or below them is never shown.
+const char* const private_trees[] = {"/proc", "/sys", "/dev", "/run", "/tmp"};
+
+bool within(const std::string& path, const std::string& tree) {
+    if (tree == "/") return true;
+    return path == tree || (path.size() > tree.size() && path.compare(0, tree.size(), tree) == 0 && path[tree.size()] == '/');
+}
+
+// Mount points are written with octal escapes for blanks, tabs, line feeds and backslashes.
+std::string unescape(const std::string& text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        auto octal = [&](size_t k) { return k < text.size() && text[k] >= '0' && text[k] <= '7'; };
+        if (text[i] == '\\' && octal(i + 1) && octal(i + 2) && octal(i + 3)) {
+            out += static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + (text[i + 3] - '0'));
+            i += 3;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+bool has_option(const std::string& options, const std::string& name) {
+    std::istringstream in(options);
+    for (std::string o; std::getline(in, o, ',');) {
+        if (o == name) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::vector<MachineMount> content_mounts(const std::string& mountinfo) {
+    std::vector<MachineMount> mounts;
+    std::istringstream lines(mountinfo);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        std::string id, parent, device, root, point, options, word;
+        if (!(fields >> id >> parent >> device >> root >> point >> options)) continue;
+        while (fields >> word && word != "-") {
+        }
+        std::string type;
+        if (word != "-" || !(fields >> type)) continue;
+        point = unescape(point);
+        // Whatever was mounted at this place or below it before is covered now.
+        std::erase_if(mounts, [&](const MachineMount& m) { return within(m.path, point); });
+        bool hidden = kernel_file_systems.count(type) > 0;
+        for (const char* tree : private_trees) hidden = hidden || within(point, tree);
+        if (hidden && point != "/") continue;
+        mounts.push_back({point, has_option(options, "ro"), has_option(options, "nosuid"), has_option(options, "nodev"),
+                          has_option(options, "noexec")});
+    }
+    if (mounts.empty() || mounts.front().path != "/") mounts.insert(mounts.begin(), MachineMount{"/"});
+    return mounts;
+}
+
+std::vector<MachineMount> content_mounts() {
+    std::ifstream in("/proc/self/mountinfo");
+    std::ostringstream text;
+    text << in.rdbuf();
+    return content_mounts(text.str());
+}
+
+}  // namespace preview

@@ -1,0 +1,25 @@
+// Which mounts of this machine hold the content that a view must show: the
+// root and every mount below it that is a real file system, in the order of
+// the mount table, leaving out the kernel's own file systems and what the
+// view makes private (/proc, /sys, /dev, /run, /tmp).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace preview {
+
+struct MachineMount {
+    std::string path;  // where it is mounted, "/" first
+    bool read_only = false, nosuid = false, nodev = false, noexec = false;
+    bool operator==(const MachineMount&) const = default;
+};
+
+// From the text of /proc/self/mountinfo.  A mount that another one covers
+// later (at its own path or above it) is left out.
+std::vector<MachineMount> content_mounts(const std::string& mountinfo);
+
+// This process's mount table.
+std::vector<MachineMount> content_mounts();
+
+}  // namespace preview

@@ -1,11 +1,12 @@
 #!/bin/bash
-# Installs the Debian packages the build, the simulated host and the
-# real-kernel tier need, when any of them is missing.
+# Installs the Debian packages the build, the simulated host, the
+# real-kernel tier and the fuzz targets need, when any of them is missing.
 set -euo pipefail
 packages=(
   cmake g++ make pkg-config libcli11-dev libgtest-dev nlohmann-json3-dev
   kmod dkms openssl libcap2-bin binutils util-linux procps file
   qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static xz-utils
+  clang-14 libfuzzer-14-dev libclang-rt-14-dev
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -148,10 +148,15 @@ bool read_file_chunked(const std::string& path, std::string& text) {
         printf("Failed to open %s\n", path.c_str());
         return false;
     }
-    char buffer[1024] = {};
-    while (fread(buffer, 1, sizeof buffer, file) > 0) text.append(buffer, strnlen(buffer, sizeof buffer));
+    read_chunks(file, text);
     fclose(file);
     return true;
+}
+
+void read_chunks(FILE* file, std::string& text) {
+    char buffer[1024] = {};
+    // A full chunk holds no terminator: strnlen keeps the append inside the buffer.
+    while (fread(buffer, 1, sizeof buffer, file) > 0) text.append(buffer, strnlen(buffer, sizeof buffer));
 }
 
 bool find_line_containing(const std::string& text, const std::string& needle, std::string* line) {

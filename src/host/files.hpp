@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,8 @@ bool read_file(const std::string& path, std::string& text);
 // a short last chunk drags the tail of the one before behind it. Callers only
 // search the text, so this does no harm and is kept.
 bool read_file_chunked(const std::string& path, std::string& text);
+// The same reading on an open stream, to its end.
+void read_chunks(FILE* file, std::string& text);
 
 // Whether a line of the file holds `needle` as a substring.
 bool file_contains(const std::string& path, const std::string& needle);

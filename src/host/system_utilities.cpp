@@ -30,7 +30,7 @@ SystemUtility system_utilities[17] = {
     {"ld", "binutils", 0},
 };
 
-std::string widened_search_path(const char* current) {
+std::vector<std::string> search_path_elements(const char* current) {
     const std::string default_path = "/bin:/usr/bin:/sbin:/usr/sbin";
     const std::string joined = current != nullptr ? std::string(current) + ":" + default_path : default_path;
 
@@ -38,7 +38,12 @@ std::string widened_search_path(const char* current) {
     for (const std::string& element : split_string(joined, ':')) {
         if (std::find(elements.begin(), elements.end(), element) == elements.end()) elements.push_back(element);
     }
+    return elements;
+}
 
+namespace {
+
+std::string joined_path(const std::vector<std::string>& elements) {
     std::string result;
     for (size_t i = 0; i < elements.size(); ++i) {
         if (i > 0) result += ":";
@@ -47,15 +52,20 @@ std::string widened_search_path(const char* current) {
     return result;
 }
 
+}  // namespace
+
+std::string widened_search_path(const char* current) { return joined_path(search_path_elements(current)); }
+
 bool find_system_utility(const std::string& name) {
     // The widened PATH is left in the environment on purpose: the commands of
     // the whole run then find the tools in the default directories even when
     // the caller's PATH lacked them. Repeated calls leave it as the first made it.
-    const std::string search_path = widened_search_path(getenv("PATH"));
-    setenv("PATH", search_path.c_str(), 1);
+    const std::vector<std::string> elements = search_path_elements(getenv("PATH"));
+    setenv("PATH", joined_path(elements).c_str(), 1);
 
-    for (const std::string& element : split_string(search_path, ':')) {
-        // An empty element gives "/" + name.
+    // The list itself, not the joined text split again: that would lose an
+    // empty element at the end, and with it the candidate "/" + name.
+    for (const std::string& element : elements) {
         const std::string candidate = element + "/" + name;
         if (file_exists(candidate) && access(candidate.c_str(), X_OK) == 0) return true;
     }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 // One of the standard tools the installer drives, with the distribution
 // package to name when it is missing.
@@ -24,7 +25,10 @@ bool check_system_utilities(SystemUtility* table, size_t count);
 // process's PATH as a side effect, for every command started afterwards.
 bool find_system_utility(const std::string& name);
 
-// The PATH that find_system_utility sets: `current` (null when PATH is
-// unset) followed by the default directories, each element kept once, at its
-// first place.
+// The directories that find_system_utility searches: `current` (null when
+// PATH is unset) followed by the default directories, each element kept once,
+// at its first place. An empty element stays and stands for "/".
+std::vector<std::string> search_path_elements(const char* current);
+
+// The same joined by ":", the PATH that find_system_utility sets.
 std::string widened_search_path(const char* current);

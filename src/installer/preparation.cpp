@@ -10,6 +10,7 @@
 #include "host/commands.hpp"
 #include "host/environment_probes.hpp"
 #include "host/files.hpp"
+#include "host/regex_options.hpp"
 #include "host/system_utilities.hpp"
 #include "installer/installer.hpp"
 #include "installer/kernel_source.hpp"
@@ -20,10 +21,19 @@
 namespace fs = std::filesystem;
 
 std::string first_dotted_triple(const std::string& text) {
-    static const std::regex triple("\\d+\\.\\d+\\.\\d+", std::regex::ECMAScript);
-    std::smatch match;
-    if (!std::regex_search(text, match, triple)) return "";
-    return match.str(0);
+    static const std::regex triple("\\d+\\.\\d+\\.\\d+", std::regex::ECMAScript | regex_in_loop);
+    // A match that begins inside a run of digits would also match from the
+    // run's first digit, so the first match begins where a run begins, and
+    // it is tried there alone: tried at every digit, a long run without its
+    // dots took time in the square of its length.
+    auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
+    for (size_t at = 0; at < text.size(); ++at) {
+        if (!is_digit(text[at]) || (at > 0 && is_digit(text[at - 1]))) continue;
+        std::smatch match;
+        if (std::regex_search(text.begin() + at, text.end(), match, triple, std::regex_constants::match_continuous))
+            return match.str(0);
+    }
+    return "";
 }
 
 bool judge_compiler(const std::string& uname_output, const std::string& gcc_output) {
@@ -80,6 +90,11 @@ int prepare_target_directory(const std::string& driver_prefix, std::vector<Manif
     if (fs::is_symlink(directory)) judged = fs::read_symlink(directory);
     if (!fs::is_directory(judged)) return code::target_unusable;
     return code::success;
+}
+
+bool cmdline_enforces_signing(const std::string& cmdline) {
+    // No notion of a word: "xmodule.sig_enforce=10" asks for signatures too.
+    return find_line_containing(cmdline, "module.sig_enforce=1");
 }
 
 int decide_module_signing(InstallOptions& options, PackageManifest& package, const SigningProbes& probes) {
@@ -165,7 +180,11 @@ int DriverInstaller::prepare() {
     // lost its older driver when this fails.
     const SigningProbes probes{
         [this] { return check_configuration_option("CONFIG_MODULE_SIG_FORCE"); },
-        [] { return file_contains("/proc/cmdline", "module.sig_enforce=1"); },
+        [] {
+            std::string cmdline;
+            read_file_chunked("/proc/cmdline", cmdline);
+            return cmdline_enforces_signing(cmdline);
+        },
         [] { return secure_boot_state(); },
         [] { return !find_in_path("openssl").empty(); },
     };

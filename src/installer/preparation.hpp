@@ -29,6 +29,10 @@ bool check_compiler();
 // Returns 0, or 11 when the prefix exists and is no directory.
 int prepare_target_directory(const std::string& driver_prefix, std::vector<ManifestEntry>& created_dir_entries);
 
+// Whether the kernel command line, as /proc/cmdline reads, asks for signed
+// modules: any line that holds "module.sig_enforce=1", as a plain substring.
+bool cmdline_enforces_signing(const std::string& cmdline);
+
 // What the signing decision asks of the host, each only when the deciders
 // before it have said no.
 struct SigningProbes {

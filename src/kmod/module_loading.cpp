@@ -16,6 +16,7 @@
 #include "app/result_codes.hpp"
 #include "host/commands.hpp"
 #include "host/files.hpp"
+#include "host/regex_options.hpp"
 #include "installer/installer.hpp"
 
 namespace {
@@ -103,10 +104,12 @@ int32_t module_use_state_in(const std::string& text, const std::string& name) {
     // a run asks about the same few names again and again: keep each one.
     static std::unordered_map<std::string, std::regex> compiled;
     auto found = compiled.find(pattern);
-    if (found == compiled.end()) found = compiled.emplace(pattern, std::regex(pattern, std::regex::ECMAScript)).first;
+    if (found == compiled.end())
+        found = compiled.emplace(pattern, std::regex(pattern, std::regex::ECMAScript | regex_in_loop)).first;
     const std::regex& expression = found->second;
     std::smatch match;
-    if (!std::regex_search(text, match, expression)) return 0;
+    // "^" holds at the start alone, so the search starts nowhere else.
+    if (!std::regex_search(text, match, expression, std::regex_constants::match_continuous)) return 0;
     if (match.size() == 3) {
         if (match[2].str()[0] == '0') return -1;
         log_message(2, "module %s is being used.\n%s\n", name.c_str(), match[0].str().c_str());

@@ -1,6 +1,8 @@
 #include "system/service.hpp"
 
+#include <charconv>
 #include <cstdio>
+#include <limits>
 #include <regex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include "host/environment_probes.hpp"
 #include "host/file_digest.hpp"
 #include "host/files.hpp"
+#include "host/regex_options.hpp"
 #include "installer/installer.hpp"
 #include "kmod/module_loading.hpp"
 #include "record/run_state.hpp"
@@ -88,6 +91,16 @@ void run_pci_timeout_script(const std::string& driver_prefix) {
     } else {
         log_message(0, "running %s succeed\n", script.c_str());
     }
+}
+
+// A run of digits as a 32-bit number. More digits than that holds, which no
+// systemctl prints, read as the largest number rather than ending the run:
+// they match no expected status all the same.
+int32_t decimal_or_largest(const std::string& digits) {
+    int32_t value = 0;
+    const std::from_chars_result result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (result.ec == std::errc::result_out_of_range) return std::numeric_limits<int32_t>::max();
+    return value;
 }
 
 }  // namespace
@@ -186,12 +199,12 @@ int install_service(const ServiceSpec& spec, int32_t environment, const std::str
 
 bool parse_main_pid(const std::string& status_text, int32_t& pid, int32_t& pid_status) {
     static const std::regex main_pid(
-        "Main PID: ([0-9]+) \\(code=[a-zA-Z0-9]+, status=([0-9]+)\\/[a-zA-Z0-9]+\\)", std::regex::ECMAScript);
+        "Main PID: ([0-9]+) \\(code=[a-zA-Z0-9]+, status=([0-9]+)\\/[a-zA-Z0-9]+\\)",
+        std::regex::ECMAScript | regex_in_loop);
     std::smatch match;
     if (!std::regex_search(status_text, match, main_pid)) return false;
-    // A number too large for 32 bits ends the process abnormally (std::out_of_range).
-    pid = std::stoi(match[1].str());
-    pid_status = std::stoi(match[2].str());
+    pid = decimal_or_largest(match[1].str());
+    pid_status = decimal_or_largest(match[2].str());
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
+#include "../child_process.hpp"
 #include "../test_support.hpp"
 #include "app/log.hpp"
 
@@ -67,6 +68,27 @@ TEST_F(SystemUtilitiesTest, SearchGoesPastAFileThatIsNotExecutable) {
     EXPECT_EQ(std::string(getenv("PATH")), path + ":/bin:/usr/bin:/sbin:/usr/sbin");
     EXPECT_FALSE(find_system_utility("no-such-vtool"));
     EXPECT_EQ(std::string(getenv("PATH")), path + ":/bin:/usr/bin:/sbin:/usr/sbin");
+}
+
+TEST_F(SystemUtilitiesTest, AnEmptyElementStandsForTheRoot) {
+    // Only the root of a chroot can hold "/" + name for the test.
+    tool("vtool", fs::perms::owner_all);
+    in_child([this] { return own_root(dir.path()); }, [] {
+        struct Case {
+            const char* path;
+            bool found;
+            std::string widened;
+        } cases[] = {
+            {"/nowhere:/bin:/usr/bin:/sbin:/usr/sbin:", true, "/nowhere:/bin:/usr/bin:/sbin:/usr/sbin:"},
+            {":/nowhere", true, ":/nowhere:/bin:/usr/bin:/sbin:/usr/sbin"},
+            {"/nowhere", false, "/nowhere:/bin:/usr/bin:/sbin:/usr/sbin"},
+        };
+        for (const Case& c : cases) {
+            setenv("PATH", c.path, 1);
+            EXPECT_EQ(find_system_utility("vtool"), c.found) << c.path;
+            EXPECT_EQ(std::string(getenv("PATH")), c.widened) << c.path;
+        }
+    });
 }
 
 TEST_F(SystemUtilitiesTest, UnsetPathGetsTheDefaultDirectories) {

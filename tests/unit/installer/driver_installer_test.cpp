@@ -1,7 +1,9 @@
 #include "installer/installer.hpp"
 
+#include <fstream>
 #include <gtest/gtest.h>
 
+#include "../child_process.hpp"
 #include "app/log.hpp"
 
 namespace {
@@ -46,6 +48,33 @@ TEST(DriverInstaller, CopiesTheOptionsAndHasNoModuleParameters) {
     EXPECT_EQ(installer.options.module_signing_secret_key, "/k/a.key");
     EXPECT_EQ(installer.options.module_signing_public_key, "/k/a.der");
     EXPECT_EQ(installer.module_params, "");
+}
+
+TEST(DriverInstaller, DistributionFromOsRelease) {
+    // The constructor reads the machine's /etc/os-release: the child has an /etc of its own.
+    in_child(
+        [] {
+            const std::string why = own_mount_namespace();
+            return why.empty() ? own_directory("/etc") : why;
+        },
+        [] {
+            struct Case {
+                const char* text;
+                std::string os_id;
+            } cases[] = {
+                {"PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\nVERSION_ID=\"12\"\nID=debian\n", "debian"},
+                {"NAME=\"Kylin\"\nID=\"kylin\"\nVERSION_ID=\"V10\"\n", "kylin"},
+                {"ID=ubuntu\nVARIANT_ID=server\n", "server"},
+                {"", ""},
+                {nullptr, ""},  // no file at all
+            };
+            for (const Case& c : cases) {
+                std::filesystem::remove("/etc/os-release");
+                if (c.text != nullptr) std::ofstream("/etc/os-release") << c.text;
+                DriverInstaller installer{InstallOptions{}};
+                EXPECT_EQ(installer.os_id, c.os_id) << (c.text ? c.text : "(no file)");
+            }
+        });
 }
 
 }  // namespace

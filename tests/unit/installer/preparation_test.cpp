@@ -38,8 +38,14 @@ TEST(Preparation, FirstDottedTriple) {
         {"version 1.2 then 3.4.5.6", "3.4.5"},
         {"6.1-rc1", ""},
         {"", ""},
+        {"a1.22.333b", "1.22.333"},
+        {"11.2x3.4.5", "3.4.5"},
+        {"1..2.3.4", "2.3.4"},
+        // Long runs of digits take time in their length, and no recursion per digit.
+        {std::string(50000, '1') + "x 1.2.3", "1.2.3"},
+        {"6-" + std::string(50000, '7') + ".1.0", std::string(50000, '7') + ".1.0"},
     };
-    for (const Case& c : cases) EXPECT_EQ(first_dotted_triple(c.text), c.triple) << c.text;
+    for (const Case& c : cases) EXPECT_EQ(first_dotted_triple(c.text), c.triple) << c.text.substr(0, 80);
 }
 
 TEST_F(PreparationTest, OnlyAGccOfMajorVersionThreeOrLowerIsRefused) {

@@ -23,10 +23,14 @@ TEST(ModuleUseState, OnlyTheFirstLineOfProcModulesCanMatch) {
         {"vantoria 16384 0", "vantoria", -1},
         {"vantoria 16384 0 - Live 0x0\n", "vantoria|ib_core", -1},  // the name is a pattern, unescaped
         {"vantoria 16384 0 - Live 0x0\n", "(vantoria)", 1},        // an extra group: printed, result 1
+        // A first line of any length is matched in a loop, not by a recursion per character.
+        {"vantoria 16384 0 " + std::string(50000, 'x') + "\nib_core 1 0\n", "vantoria", -1},
+        {"vantoria " + std::string(50000, '1') + " 10\n", "vantoria", -2},
+        {std::string(50000, ' ') + "vantoria 1 0\n", "vantoria", 0},
     };
     for (const Case& c : cases) {
         testing::internal::CaptureStdout();
-        EXPECT_EQ(module_use_state_in(c.text, c.name), c.state) << c.name << " in " << c.text;
+        EXPECT_EQ(module_use_state_in(c.text, c.name), c.state) << c.name << " in " << c.text.substr(0, 80);
         testing::internal::GetCapturedStdout();
     }
 }

@@ -2,9 +2,11 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "../child_process.hpp"
 #include "../test_support.hpp"
 #include "app/log.hpp"
 #include "record/run_state.hpp"
@@ -69,11 +71,11 @@ protected:
         unsetenv("OPENSSL_STATUS");
         log_reset_for_tests();
         reset_run_state();
-        remove_temporary_keys();
     }
-    void remove_temporary_keys() {
-        for (const std::string* key : {&made_public, &made_secret})
-            if (key->rfind("/tmp/vantoriatmp-", 0) == 0) fs::remove(*key);
+    // A generated pair goes to the machine's /tmp by its fixed template, so
+    // the test runs in a child with a /tmp of its own, the scratch kept in it.
+    void with_own_tmp(const std::function<void()>& body) {
+        in_child([this] { return own_tmp(dir.path()); }, body);
     }
     static std::string real_tool(const std::string& name) {
         for (const char* dir : {"/usr/bin/", "/bin/"})
@@ -108,25 +110,27 @@ protected:
 };
 
 TEST_F(SigningHost, GeneratesAPairAndSignsInTheKernelsArgumentOrder) {
-    install_openssl();
-    DriverInstaller installer(options);
-    ASSERT_EQ(sign(installer), 0);
-    EXPECT_TRUE(installer.options.generated_key);
-    EXPECT_EQ(made_public.rfind("/tmp/vantoriatmp-", 0), 0u);
-    EXPECT_EQ(made_secret.rfind("/tmp/vantoriatmp-", 0), 0u);
-    EXPECT_EQ(mode_of(made_public), "0644");
-    EXPECT_EQ(mode_of(made_secret), "0600");
-    EXPECT_EQ(slurp(made_secret), "private");
-    EXPECT_EQ(slurp(dir / "openssl.calls"),
-              "req -new -x509 -newkey rsa:2048 -days 7300 -nodes -subj /CN=quorl-installer generated signing key/ "
-              "-keyout " + made_secret + " -outform DER -out " + made_public + "\n");
-    EXPECT_EQ(slurp(dir / "sign-file.args"), "sha512\n" + made_secret + "\n" + made_public + "\n" + dir / "vantoria.ko" + "\n");
+    with_own_tmp([&] {
+        install_openssl();
+        DriverInstaller installer(options);
+        ASSERT_EQ(sign(installer), 0);
+        EXPECT_TRUE(installer.options.generated_key);
+        EXPECT_EQ(made_public.rfind("/tmp/vantoriatmp-", 0), 0u);
+        EXPECT_EQ(made_secret.rfind("/tmp/vantoriatmp-", 0), 0u);
+        EXPECT_EQ(mode_of(made_public), "0644");
+        EXPECT_EQ(mode_of(made_secret), "0600");
+        EXPECT_EQ(slurp(made_secret), "private");
+        EXPECT_EQ(slurp(dir / "openssl.calls"),
+                  "req -new -x509 -newkey rsa:2048 -days 7300 -nodes -subj /CN=quorl-installer generated signing key/ "
+                  "-keyout " + made_secret + " -outform DER -out " + made_public + "\n");
+        EXPECT_EQ(slurp(dir / "sign-file.args"), "sha512\n" + made_secret + "\n" + made_public + "\n" + dir / "vantoria.ko" + "\n");
 
-    // The same pair for a second module: nothing generated, and the flag falls back to false.
-    ASSERT_EQ(sign(installer), 0);
-    EXPECT_FALSE(installer.options.generated_key);
-    EXPECT_EQ(installer.options.module_signing_public_key, made_public);
-    EXPECT_EQ(slurp(dir / "openssl.calls").find("req", 1), std::string::npos);
+        // The same pair for a second module: nothing generated, and the flag falls back to false.
+        ASSERT_EQ(sign(installer), 0);
+        EXPECT_FALSE(installer.options.generated_key);
+        EXPECT_EQ(installer.options.module_signing_public_key, made_public);
+        EXPECT_EQ(slurp(dir / "openssl.calls").find("req", 1), std::string::npos);
+    });
 }
 
 TEST_F(SigningHost, FallbackHashKeepsItsQuotesAndIsAskedOnce) {
@@ -147,101 +151,110 @@ TEST_F(SigningHost, FallbackHashKeepsItsQuotesAndIsAskedOnce) {
 }
 
 TEST_F(SigningHost, OneKeyAloneIsReplacedByAGeneratedPair) {
-    install_openssl();
-    options.module_signing_secret_key = dir / "user.key";
-    DriverInstaller installer(options);
-    ASSERT_EQ(sign(installer), 0);
-    EXPECT_TRUE(installer.options.generated_key);
-    EXPECT_NE(made_secret, dir / "user.key");
-    EXPECT_EQ(made_secret.rfind("/tmp/vantoriatmp-", 0), 0u);
+    with_own_tmp([&] {
+        install_openssl();
+        options.module_signing_secret_key = dir / "user.key";
+        DriverInstaller installer(options);
+        ASSERT_EQ(sign(installer), 0);
+        EXPECT_TRUE(installer.options.generated_key);
+        EXPECT_NE(made_secret, dir / "user.key");
+        EXPECT_EQ(made_secret.rfind("/tmp/vantoriatmp-", 0), 0u);
+    });
 }
 
 TEST_F(SigningHost, FailuresAndTheirTexts) {
-    struct Case {
-        const char* story;
-        bool openssl;
-        const char* openssl_status;
-        const char* sign_file_status;
-        int result;
-        std::string console;
-    } cases[] = {
-        {"no openssl", false, nullptr, nullptr, 8, "generate key failed, openssl not found.\n"},
-        {"openssl req fails", true, "2", nullptr, 5, "Failed to generate key pair No such file or directory\n"},
-        {"sign-file fails", true, nullptr, "1", 5, "Failed to sign module file: Operation not permitted\n"},
-    };
-    for (const Case& c : cases) {
-        if (c.openssl) install_openssl();
-        if (c.openssl_status) setenv("OPENSSL_STATUS", c.openssl_status, 1);
-        if (c.sign_file_status) setenv("SIGN_FILE_STATUS", c.sign_file_status, 1);
-        DriverInstaller installer(options);
-        installer.options.generated_key = true;
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(sign(installer), c.result) << c.story;
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.console) << c.story;
-        EXPECT_TRUE(installer.options.generated_key) << c.story << ": a failed call leaves the flag";
-        unsetenv("OPENSSL_STATUS");
-        unsetenv("SIGN_FILE_STATUS");
-        remove_temporary_keys();
-    }
+    with_own_tmp([&] {
+        struct Case {
+            const char* story;
+            bool openssl;
+            const char* openssl_status;
+            const char* sign_file_status;
+            int result;
+            std::string console;
+        } cases[] = {
+            {"no openssl", false, nullptr, nullptr, 8, "generate key failed, openssl not found.\n"},
+            {"openssl req fails", true, "2", nullptr, 5, "Failed to generate key pair No such file or directory\n"},
+            {"sign-file fails", true, nullptr, "1", 5, "Failed to sign module file: Operation not permitted\n"},
+        };
+        for (const Case& c : cases) {
+            if (c.openssl) install_openssl();
+            if (c.openssl_status) setenv("OPENSSL_STATUS", c.openssl_status, 1);
+            if (c.sign_file_status) setenv("SIGN_FILE_STATUS", c.sign_file_status, 1);
+            DriverInstaller installer(options);
+            installer.options.generated_key = true;
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(sign(installer), c.result) << c.story;
+            EXPECT_EQ(testing::internal::GetCapturedStderr(), c.console) << c.story;
+            EXPECT_TRUE(installer.options.generated_key) << c.story << ": a failed call leaves the flag";
+            unsetenv("OPENSSL_STATUS");
+            unsetenv("SIGN_FILE_STATUS");
+        }
+    });
 }
 
 TEST_F(SigningHost, SavedKeysTakeTheFingerprintNameAndLoseTheirOtherBits) {
-    install_openssl();
-    DriverInstaller installer(options);
-    ASSERT_EQ(sign(installer), 0);
-    const std::string keys = dir / "share/vantoria";
-    ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
+    with_own_tmp([&] {
+        install_openssl();
+        DriverInstaller installer(options);
+        ASSERT_EQ(sign(installer), 0);
+        const std::string keys = dir / "share/vantoria";
+        ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
 
-    EXPECT_EQ(mode_of(keys), "0755");
-    EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.der"), "0640");
-    EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.key"), "0600");
-    EXPECT_FALSE(fs::exists(made_public));
-    EXPECT_FALSE(fs::exists(made_secret));
-    EXPECT_EQ(installer.options.module_signing_public_key, keys + "/vantoria-cert-ABCDEF.der");
-    EXPECT_EQ(installer.options.module_signing_secret_key, keys + "/vantoria-cert-ABCDEF.key");
-    const std::vector<ManifestEntry> expected = {
-        {"DIR", keys, ""},
-        {"FILE", keys + "/vantoria-cert-ABCDEF.der", "4c9184f37cff01bcdc32dc486ec36961"},  // md5 of "public"
-        {"FILE", keys + "/vantoria-cert-ABCDEF.key", "2c17c6393771ee3048ae34d6b380c5ec"},  // md5 of "private"
-    };
-    EXPECT_EQ(install_entries, expected);
+        EXPECT_EQ(mode_of(keys), "0755");
+        EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.der"), "0640");
+        EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.key"), "0600");
+        EXPECT_FALSE(fs::exists(made_public));
+        EXPECT_FALSE(fs::exists(made_secret));
+        EXPECT_EQ(installer.options.module_signing_public_key, keys + "/vantoria-cert-ABCDEF.der");
+        EXPECT_EQ(installer.options.module_signing_secret_key, keys + "/vantoria-cert-ABCDEF.key");
+        const std::vector<ManifestEntry> expected = {
+            {"DIR", keys, ""},
+            {"FILE", keys + "/vantoria-cert-ABCDEF.der", "4c9184f37cff01bcdc32dc486ec36961"},  // md5 of "public"
+            {"FILE", keys + "/vantoria-cert-ABCDEF.key", "2c17c6393771ee3048ae34d6b380c5ec"},  // md5 of "private"
+        };
+        EXPECT_EQ(install_entries, expected);
+    });
 }
 
 TEST_F(SigningHost, ATakenNameLosesTheNewKeyButIsRecorded) {
-    install_openssl();
-    DriverInstaller installer(options);
-    ASSERT_EQ(sign(installer), 0);
-    const std::string keys = dir / "share/vantoria";
-    dir.write("share/vantoria/vantoria-cert-ABCDEF.der", "older");
-    fs::permissions(keys + "/vantoria-cert-ABCDEF.der", fs::perms(0777));
-    ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
+    with_own_tmp([&] {
+        install_openssl();
+        DriverInstaller installer(options);
+        ASSERT_EQ(sign(installer), 0);
+        const std::string keys = dir / "share/vantoria";
+        dir.write("share/vantoria/vantoria-cert-ABCDEF.der", "older");
+        fs::permissions(keys + "/vantoria-cert-ABCDEF.der", fs::perms(0777));
+        ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
 
-    // The existing directory is not recorded; the taken name is, with the old content.
-    ASSERT_EQ(install_entries.size(), 2u);
-    EXPECT_EQ(install_entries[0],
-              (ManifestEntry{"FILE", keys + "/vantoria-cert-ABCDEF.der", "6a3a6f6e33217afa6373df9d6b2e8a00"}));
-    EXPECT_EQ(slurp(keys + "/vantoria-cert-ABCDEF.der"), "older");
-    EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.der"), "0660");
-    EXPECT_EQ(install_entries[1].path, keys + "/vantoria-cert-ABCDEF.key");
-    EXPECT_FALSE(fs::exists(made_public));
-    EXPECT_EQ(installer.options.module_signing_public_key, made_public);
-    EXPECT_EQ(installer.options.module_signing_secret_key, keys + "/vantoria-cert-ABCDEF.key");
+        // The existing directory is not recorded; the taken name is, with the old content.
+        ASSERT_EQ(install_entries.size(), 2u);
+        EXPECT_EQ(install_entries[0],
+                  (ManifestEntry{"FILE", keys + "/vantoria-cert-ABCDEF.der", "6a3a6f6e33217afa6373df9d6b2e8a00"}));
+        EXPECT_EQ(slurp(keys + "/vantoria-cert-ABCDEF.der"), "older");
+        EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.der"), "0660");
+        EXPECT_EQ(install_entries[1].path, keys + "/vantoria-cert-ABCDEF.key");
+        EXPECT_FALSE(fs::exists(made_public));
+        EXPECT_EQ(installer.options.module_signing_public_key, made_public);
+        EXPECT_EQ(installer.options.module_signing_secret_key, keys + "/vantoria-cert-ABCDEF.key");
+    });
 }
 
 TEST_F(SigningHost, WithoutAFingerprintTheTemporaryNamesStay) {
-    install_openssl();
-    DriverInstaller installer(options);
-    ASSERT_EQ(sign(installer), 0);
-    fs::remove(dir / "bin/openssl");
-    fs::remove(made_secret);  // a key file that went missing is passed over
-    const std::string keys = dir / "share/vantoria";
-    ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
-    const std::string saved = keys + "/" + fs::path(made_public).filename().string() + ".der";
-    ASSERT_EQ(install_entries.size(), 2u);
-    EXPECT_EQ(install_entries[0], (ManifestEntry{"DIR", keys, ""}));
-    EXPECT_EQ(install_entries[1].path, saved);
-    EXPECT_EQ(slurp(saved), "public");
-    EXPECT_EQ(installer.options.module_signing_public_key, saved);
+    with_own_tmp([&] {
+        install_openssl();
+        DriverInstaller installer(options);
+        ASSERT_EQ(sign(installer), 0);
+        fs::remove(dir / "bin/openssl");
+        fs::remove(made_secret);  // a key file that went missing is passed over
+        const std::string keys = dir / "share/vantoria";
+        ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
+        const std::string saved = keys + "/" + fs::path(made_public).filename().string() + ".der";
+        ASSERT_EQ(install_entries.size(), 2u);
+        EXPECT_EQ(install_entries[0], (ManifestEntry{"DIR", keys, ""}));
+        EXPECT_EQ(install_entries[1].path, saved);
+        EXPECT_EQ(slurp(saved), "public");
+        EXPECT_EQ(installer.options.module_signing_public_key, saved);
+    });
 }
 
 }  // namespace

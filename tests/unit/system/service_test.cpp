@@ -72,6 +72,11 @@ TEST(Service, MainPidOfAFailedService) {
         {"   Main PID: 1234 (code=exited, status=1/FAILURE)\n", true, 1234, 1},
         {"Main PID: 77 (code=killed, status=9/KILL)", true, 77, 9},
         {"x\n     Main PID: 5 (code=exited, status=203/EXEC)\n  Tasks: 0\n", true, 5, 203},
+        // More digits than 32 bits hold read as the largest number.
+        {"Main PID: 99999999999 (code=exited, status=4294967297/FAILURE)", true, 2147483647, 2147483647},
+        {"Main PID: 2147483647 (code=exited, status=0002147483648/FAILURE)", true, 2147483647, 2147483647},
+        {"Main PID: " + std::string(50000, '1') + " (code=exited, status=1/FAILURE)", true, 2147483647, 1},
+        {"Main PID: 12 (code=" + std::string(50000, 'a') + ", status=3/FAILURE)", true, 12, 3},
         {"Main PID: 1234 (bash)\n", false, -7, -7},  // a running process has no status
         {"Main PID: 1234 (code=exited, status=1/FAIL-URE)\n", false, -7, -7},
         {"Main PID: 1234 (code=exited, status=/FAILURE)\n", false, -7, -7},
@@ -80,9 +85,10 @@ TEST(Service, MainPidOfAFailedService) {
     };
     for (const Case& c : cases) {
         int32_t pid = -7, pid_status = -7;
-        EXPECT_EQ(parse_main_pid(c.text, pid, pid_status), c.found) << c.text;
-        EXPECT_EQ(pid, c.pid) << c.text;
-        EXPECT_EQ(pid_status, c.pid_status) << c.text;
+        const std::string shown = c.text.substr(0, 80);
+        EXPECT_EQ(parse_main_pid(c.text, pid, pid_status), c.found) << shown;
+        EXPECT_EQ(pid, c.pid) << shown;
+        EXPECT_EQ(pid_status, c.pid_status) << shown;
     }
 }
 

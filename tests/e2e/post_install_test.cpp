@@ -41,13 +41,6 @@ const char* const modprobe_with_peer_memory = R"(#!/bin/bash
 if [ "$1" = vantoria ]; then insmod /lib/modules/$(uname -r)/updates/dkms/vnt_peer_mem_drv.ko; fi
 )";
 
-class PostInstall : public testing::TestWithParam<Row> {};
-
-TEST_P(PostInstall, Row) {
-    LAB_REQUIRE();
-    play(GetParam());
-}
-
 const Row rows[] = {
     {"a first installation is loaded at boot and its service enabled and recorded", nullptr, {}, 0,
      {"Debug: sed -i 's|PREFIX|/usr/local/quorl-3.2.1/|g' conf/*.service\nInstall system service...\n"
@@ -169,6 +162,6 @@ const Row rows[] = {
      }},
 };
 
-INSTANTIATE_TEST_SUITE_P(Hosts, PostInstall, testing::ValuesIn(rows), row_name);
+SCENARIO_TABLE(PostInstall, rows);
 
 }  // namespace

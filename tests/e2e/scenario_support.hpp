@@ -1,7 +1,7 @@
-// What the scenarios share: the usual host, the installer's last words, and
-// the checks an administrator makes after a run. Each phase is one table of
-// rows; a row is a host set up in a line or two, the status it must end in,
-// and the fragments of its log and console that tell the story.
+// What the scenarios share. Each phase is one table of rows; a row is a host
+// set up in a line or two, the status the run must end in, the fragments of
+// log and console that tell its story, and on every row the check that the
+// record names what the run left and that all it names is there.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -26,37 +25,30 @@ inline const std::string module_dir = "/lib/modules/" + release + "/kernel/drive
 inline const std::string prefix = "/usr/local/quorl-3.2.1/";
 inline const std::string record_path = "/var/log/vantoriaquorl/uninstall/.driver_uninstall_manifests";
 inline const std::string unit_file = "/lib/systemd/system/vantoriaquorl-init@.service";
-// md5 of "installed\n", the content of the files a test plants as an older driver's.
-inline const std::string installed_md5 = "d1357b6d77e6561ac5af85c36c77b46e";
-inline std::string success_under(const std::string& driver_prefix);
-inline const std::string success = success_under(prefix);
+inline const std::string installed_md5 = "d1357b6d77e6561ac5af85c36c77b46e";  // of "installed\n"
 
-// The success message names the uninstaller below the run's driver prefix.
+// The last words of a run; success names the uninstaller below the driver prefix.
 inline std::string success_under(const std::string& driver_prefix) {
     return "Quorl Driver installation succeed.\nFor the Quorl Driver uninstallation, please run command:\n    sudo " +
            driver_prefix + "bin/quorl-driver-uninstaller\n";
 }
-
+inline const std::string success = success_under(prefix);
 inline std::string failure(int code) {
     return "Quorl Driver installation failed. error code:" + std::to_string(code) +
            "\nLogfile is /var/log/vantoriaquorl/driver_installer.log\n";
 }
 
-// A host that runs `release`, with its kernel tree, the card, the package, and
-// a firmware directory and a DKMS configuration of its own, whatever this
-// machine has there.
-inline lab::Host& ready(lab::Host& host, lab::Card card = {}) {
-    return host.kernel(release).kernel_tree(release).card(card).package().directory("/lib/firmware")
+// The running kernel with its tree, a good card, the package, and a firmware
+// directory and DKMS configuration of the host's own, whatever this machine has.
+inline lab::Host& ready(lab::Host& host) {
+    return host.kernel(release).kernel_tree(release).card({}).package().directory("/lib/firmware")
         .file("/etc/dkms/framework.conf", "# dkms's own defaults\n");
 }
-
-// Ends the next run right behind the removal of an older driver, before
-// anything is built: the kernel demands signatures and there is no openssl (33).
+// Ends the run right behind the removal of an older driver, before anything
+// is built: the kernel demands signatures and there is no openssl (33).
 inline lab::Host& stop_after_removal(lab::Host& host) {
     return host.cmdline("BOOT_IMAGE=/vmlinuz module.sig_enforce=1\n").tool_missing("openssl");
 }
-
-// An OFED tree whose peer-memory header and symbols are there.
 inline lab::Host& with_ofed(lab::Host& host, const std::string& dir = "/usr/src/ofa_kernel/default") {
     return host.file(dir + "/include/rdma/peer_mem.h", "").file(dir + "/Module.symvers", "");
 }
@@ -64,8 +56,6 @@ inline lab::Host& with_ofed(lab::Host& host, const std::string& dir = "/usr/src/
 inline std::string md5_of(lab::Host& host, const std::string& path) {
     return host.run({"md5sum", path}).out.substr(0, 32);
 }
-
-// The first line of modinfo -F for a field.
 inline std::string modinfo_field(lab::Host& host, const std::string& field, const std::string& path) {
     const std::string out = host.run({"modinfo", "-F", field, path}).out;
     return out.substr(0, out.find('\n'));
@@ -75,34 +65,29 @@ inline std::string modinfo_field(lab::Host& host, const std::string& field, cons
 inline ::testing::AssertionResult in_order(const std::string& text, const std::vector<std::string>& pieces) {
     size_t at = 0;
     for (const std::string& piece : pieces) {
-        const size_t found = text.find(piece, at);
-        if (found == std::string::npos)
+        if ((at = text.find(piece, at)) == std::string::npos)
             return ::testing::AssertionFailure() << "missing, or out of order: \"" << piece << "\"\nin:\n" << text;
-        at = found + piece.size();
+        at += piece.size();
     }
     return ::testing::AssertionSuccess();
 }
-
 inline ::testing::AssertionResult lacks(const std::string& text, const std::string& piece) {
     if (text.find(piece) == std::string::npos) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "unexpected \"" << piece << "\" in:\n" << text;
 }
 
-// One line of the record: the digest behind FILE, RFILE and SERVICE, and the
-// blank that ends RLINK and DKMS lines taken off.
+// A line of the record, without the blank that ends RLINK and DKMS lines.
 struct Line {
     std::string type, path, md5;
 };
-
 inline std::vector<Line> parse_record(const std::string& text) {
     std::vector<Line> lines;
     size_t start = 0;
     for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
         const std::string line = text.substr(start, end - start);
         const size_t first = line.find(' '), second = line.find(' ', first + 1);
-        Line parsed{line.substr(0, first), line.substr(first + 1, second - first - 1), ""};
-        if (second != std::string::npos) parsed.md5 = line.substr(second + 1);
-        lines.push_back(parsed);
+        lines.push_back({line.substr(0, first), line.substr(first + 1, second - first - 1),
+                         second == std::string::npos ? "" : line.substr(second + 1)});
     }
     return lines;
 }
@@ -113,33 +98,28 @@ inline bool present(lab::Host& host, const Line& line) {
     if (line.type == "DIR" || line.type == "QUORL") return host.exists(line.path);
     if (line.type == "FILE" || line.type == "RFILE") return host.read(line.path) && md5_of(host, line.path) == line.md5;
     if (line.type == "SERVICE") return host.read(unit_file) && md5_of(host, unit_file) == line.md5;
-    if (line.type == "DKMS")
-        return host.run({"dkms", "status"}).out.find("quorl/" + line.path + ", ") != std::string::npos;
-    return false;
+    return line.type == "DKMS" && host.run({"dkms", "status"}).out.find("quorl/" + line.path + ", ") != std::string::npos;
 }
 
-// A path as the change list spells it: single slashes, no slash at the end,
-// and /lib reached through the merged-/usr link.
+// A path as the change list spells it: single slashes, none at the end, and
+// /lib reached through the merged-/usr link.
 inline std::string canonical(const std::string& path) {
     std::string out;
     for (char c : path)
         if (!(c == '/' && !out.empty() && out.back() == '/')) out += c;
     if (out.size() > 1 && out.back() == '/') out.pop_back();
-    if (out == "/lib" || out.rfind("/lib/", 0) == 0) out = "/usr" + out;
-    return out;
+    return out == "/lib" || out.rfind("/lib/", 0) == 0 ? "/usr" + out : out;
 }
 
-// Files and links that the runs created or changed and that no line of the
-// record names, leaving out what belongs to others: the log, systemd's
-// links, the package's own build products, the module indexes, and what
-// dkms keeps for its registration (the record names that by its DKMS line).
+// Files and links that the runs created or changed and no line of the record
+// names, but for what belongs to others: the log, systemd's links, the
+// package's build products, the module indexes, and what dkms keeps for a
+// registration (the record names that by its DKMS line).
 inline std::vector<std::string> unrecorded(const lab::Host& host) {
-    std::vector<std::string> recorded;
+    std::vector<std::string> recorded, missing;
     for (const Line& line : parse_record(host.record())) recorded.push_back(canonical(line.path));
-    std::vector<std::string> missing;
     for (const lab::Change& change : host.changes()) {
         const std::string& path = change.path;
-        if (change.kind == 'D') continue;
         bool elsewhere = path.rfind("/usr/lib/modules/", 0) == 0 &&
                          (std::filesystem::path(path).filename().string().rfind("modules.", 0) == 0 ||
                           path.find("/updates/") != std::string::npos);
@@ -147,22 +127,13 @@ inline std::vector<std::string> unrecorded(const lab::Host& host) {
                                          package_dir + "/", std::string("/usr/src/quorl-"), std::string("/var/lib/dkms/")})
             elsewhere = elsewhere || path.rfind(owner, 0) == 0;
         const auto where = host.locate(path);
-        if (elsewhere || (where && std::filesystem::is_directory(std::filesystem::symlink_status(*where)))) continue;
+        if (change.kind == 'D' || elsewhere || (where && std::filesystem::is_directory(std::filesystem::symlink_status(*where))))
+            continue;
         if (std::find(recorded.begin(), recorded.end(), path) == recorded.end()) missing.push_back(path);
     }
     return missing;
 }
 
-// Every line of the record names what the host holds, with its true digest;
-// the prefix's lines are written whether or not the run got to make it.
-inline void expect_record_true(lab::Host& host) {
-    for (const Line& line : parse_record(host.record())) {
-        if (line.type == "QUORL" || line.type == "DIR") continue;
-        EXPECT_TRUE(present(host, line)) << line.type << " " << line.path << " " << line.md5;
-    }
-}
-
-// One host of a phase's table.
 struct Row {
     const char* story;
     std::function<void(lab::Host&)> setup;  // after ready()
@@ -170,26 +141,17 @@ struct Row {
     int status;
     std::vector<std::string> log = {};      // in this order in the log
     std::vector<std::string> console = {};  // in this order on standard error, before the last words
-    std::vector<std::string> absent = {};  // neither in the log, nor on the console, nor in the record
-    // Further checks of this row's story.
+    std::vector<std::string> absent = {};   // neither in the log, nor on the console, nor in the record
     std::function<void(lab::Host&, const lab::RunResult&)> check = nullptr;
-    // The record names all that the run left, and all that it names is there.
+    // The record names all that the run left, and all it names is there (the
+    // prefix's lines are written whether or not the run got to make it).
     bool record_whole = true;
-    lab::RunOptions options = {};
+    std::vector<std::string> env = {};
 };
-
-inline lab::RunOptions with_env(std::string assignment) {
-    lab::RunOptions options;
-    options.env = {std::move(assignment)};
-    return options;
-}
-
 inline void PrintTo(const Row& row, std::ostream* os) { *os << row.story; }
-
-// A row's story as a test name.
 inline std::string row_name(const ::testing::TestParamInfo<Row>& info) {
-    std::string name;
-    for (const char* c = info.param.story; *c; ++c) name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+    std::string name = info.param.story;
+    for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
     return name;
 }
 
@@ -198,23 +160,34 @@ inline void play(const Row& row) {
     lab::Host host;
     ready(host);
     if (row.setup) row.setup(host);
-    const lab::RunResult r = host.install(row.args, row.options);
+    lab::RunOptions options;
+    options.env = row.env;
+    const lab::RunResult r = host.install(row.args, options);
     EXPECT_EQ(r.status, row.status) << r.err;
     // Quiet runs and runs that end abnormally have no last words.
-    const bool quiet = std::find(row.args.begin(), row.args.end(), "--qxquiet") != row.args.end();
-    const auto given_prefix = std::find(row.args.begin(), row.args.end(), "--prefix");
-    const std::string driver_prefix = given_prefix == row.args.end() ? prefix : given_prefix[1] + "/quorl-3.2.1/";
+    const auto given = std::find(row.args.begin(), row.args.end(), "--prefix");
     std::vector<std::string> console = row.console;
-    if (!quiet && row.status != 128 + 6) console.push_back(row.status == 0 ? success_under(driver_prefix) : failure(row.status));
+    if (std::find(row.args.begin(), row.args.end(), "--qxquiet") == row.args.end() && row.status != 128 + 6)
+        console.push_back(row.status != 0 ? failure(row.status)
+                                          : success_under(given == row.args.end() ? prefix : given[1] + "/quorl-3.2.1/"));
     EXPECT_TRUE(in_order(r.err, console));
-    const std::string log = host.log();
-    EXPECT_TRUE(in_order(log, row.log));
-    for (const std::string& piece : row.absent) EXPECT_TRUE(lacks(log + "\n" + r.err + "\n" + host.record(), piece));
+    EXPECT_TRUE(in_order(host.log(), row.log));
+    for (const std::string& piece : row.absent) EXPECT_TRUE(lacks(host.log() + "\n" + r.err + "\n" + host.record(), piece));
     if (row.record_whole) {
-        expect_record_true(host);
+        for (const Line& line : parse_record(host.record()))
+            EXPECT_TRUE(line.type == "QUORL" || line.type == "DIR" || present(host, line)) << line.type << " " << line.path;
         EXPECT_EQ(unrecorded(host), std::vector<std::string>{});
     }
     if (row.check) row.check(host, r);
 }
+
+// One parameterised test per phase, each row a test of its own.
+#define SCENARIO_TABLE(Phase, rows)                         \
+    class Phase : public ::testing::TestWithParam<::scenario::Row> {}; \
+    TEST_P(Phase, Row) {                                     \
+        LAB_REQUIRE();                                       \
+        ::scenario::play(GetParam());                        \
+    }                                                        \
+    INSTANTIATE_TEST_SUITE_P(Hosts, Phase, ::testing::ValuesIn(rows), ::scenario::row_name)
 
 }  // namespace scenario

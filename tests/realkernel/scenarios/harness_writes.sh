@@ -5,7 +5,7 @@ rk_fact release "$(uname -r)"
 rk_fact cmdline_arg "$(tr ' ' '\n' < /proc/cmdline | grep '^realkernel\.')"
 rk_fact systemctl_path "$(command -v systemctl)"
 rk_fact journalctl_path "$(command -v journalctl)"
-rk_fact tmp_entries "$(ls -A /tmp | wc -l)"
+rk_fact tmp_entries "$(rk_entries /tmp)"
 
 # The pruned module tree, indexed once at boot.
 tree=/lib/modules/$(uname -r)
@@ -36,6 +36,7 @@ rk_run installer_help /root/quorl-driver/quorl-driver-installer --help
 # Written after the installer ran, since each run of it empties its log.
 echo "installer log line" > /var/log/vantoriaquorl/driver_installer.log
 rk_fact unpacked "$(cd /root/quorl-driver && ls -A | LC_ALL=C sort | tr '\n' ' ')"
+echo probe > /root/quorl-driver/realkernel-probe
 
 # A host file deleted in the guest, and the list of all that changed, which
 # the scenario reads but cannot write.

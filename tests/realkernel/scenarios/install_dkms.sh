@@ -15,6 +15,5 @@ rk_fact found_by_modprobe "$(modinfo -n vantoria)"
 rk_fact version "$(modinfo -F version vantoria)"
 rk_fact signer "$(modinfo -F signer vantoria)"
 rk_fact built "$(ls "/var/lib/dkms/quorl/3.2.1/$release/x86_64/module" | tr '\n' ' ')"
-rk_save install.log /var/log/vantoriaquorl/driver_installer.log
 rk_record record
 rk_changes changes

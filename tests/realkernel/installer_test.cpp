@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,9 @@ TEST_F(ManualInstallBoot, KbuildBuildsTheModuleAndTheKernelLoadsIt)
                   {"vermagic", boot().release()}, {"found_by_modprobe", installed_module(boot())}, {"tmp_entries", "0"}});
     EXPECT_EQ(text(boot(), "install_manual", "install.err"), success);
     expect_true_and_complete_record(boot(), "install_manual", "record", "changes");
+    // The guest's root is this machine's, read-only below a layer in guest memory.
+    for (const std::string& path : {installed_module(boot()), std::string("/usr/local/quorl-3.2.1")})
+        EXPECT_FALSE(std::filesystem::exists(path)) << path << " reached this machine";
 }
 
 TEST_F(ManualInstallBoot, AgainTheRealRmmodTakesItOutBeforeItComesBack)

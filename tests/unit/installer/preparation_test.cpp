@@ -44,6 +44,8 @@ TEST_F(Preparation, ExistingTargetIsJudgedByItsLinkText) {
     std::vector<ManifestEntry> created;
     EXPECT_EQ(prepare_target_directory(dir / "relative/", created), 11);
     EXPECT_EQ(prepare_target_directory(dir / "real/", created), 0);
+    fs::create_symlink(dir / "real", dir / "absolute");
+    EXPECT_EQ(prepare_target_directory(dir / "absolute/", created), 0);
     EXPECT_TRUE(created.empty());
     // A dangling link is no directory to follow, and none can be made there.
     fs::create_symlink(dir / "gone", dir / "dangling");

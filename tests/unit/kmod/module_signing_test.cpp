@@ -131,27 +131,6 @@ TEST_F(SigningHost, FailuresAndTheirTexts) {
     }
 }
 
-TEST_F(SigningHost, SavedKeysTakeTheFingerprintNameAndLoseTheirOtherBits) {
-    install_openssl();
-    DriverInstaller installer(options);
-    ASSERT_EQ(sign(installer), 0);
-    ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
-    EXPECT_EQ(mode_of(keys), "0755");
-    EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.der"), "0640");
-    EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.key"), "0600");
-    EXPECT_FALSE(fs::exists(made_public));
-    EXPECT_EQ(installer.options.module_signing_public_key, keys + "/vantoria-cert-ABCDEF.der");
-    EXPECT_EQ(installer.options.module_signing_secret_key, keys + "/vantoria-cert-ABCDEF.key");
-    EXPECT_EQ(install_entries, (std::vector<ManifestEntry>{
-                                   {"DIR", keys, ""},
-                                   {"FILE", keys + "/vantoria-cert-ABCDEF.der", "4c9184f37cff01bcdc32dc486ec36961"},
-                                   {"FILE", keys + "/vantoria-cert-ABCDEF.key", "2c17c6393771ee3048ae34d6b380c5ec"},
-                               }));
-    EXPECT_NE(log_text().find("The generated key's fingerprint is AB:CD:EF\nModule sign key:" + keys +
-                              "/vantoria-cert-ABCDEF.der\nModule sign key:"),
-              std::string::npos);
-}
-
 // A name already taken loses the new key, and is recorded with the old
 // content; the existing directory is not recorded.
 TEST_F(SigningHost, ATakenNameLosesTheNewKeyButIsRecorded) {

@@ -173,6 +173,7 @@ const Row rows[] = {
          untouched(host, r);
          EXPECT_EQ(host.kernel_log(), "");
      }},
+    // "Internal error." and 5 follow a module line with a third group, which no /proc/modules gives for these names.
     {"the old rmmod failing stops with 5",
      planted("", [](lab::Host& h) { h.proc_modules(loaded).unload_result("vantoria", EBUSY); }), {}, 5,
      {"Error: Failed to uninstall driver vantoria.\nDebug: \n"}, {failed_walk}, {}, untouched},

@@ -3,12 +3,7 @@
 // in /proc/modules, taken out by the real rmmod when the installer runs again,
 // and refused for its key by a kernel that enforces signatures. The words of
 // the log are the simulated host's to pin; the guest has no card.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "boot_suite.hpp"
 #include "scenario_checks.hpp"
@@ -26,11 +21,7 @@ std::string text(const GuestBoot& boot, const char* scenario, const std::string&
 {
     return boot.file(scenario, "facts/" + fact).value_or("(no fact " + fact + ")");
 }
-
-std::string installed_module(const GuestBoot& boot)
-{
-    return "/lib/modules/" + boot.release() + "/kernel/drivers/misc/vantoria.ko";
-}
+std::string installed_module(const GuestBoot& boot) { return "/lib/modules/" + boot.release() + "/kernel/drivers/misc/vantoria.ko"; }
 
 // The record is what the guest holds (each file with its true MD5, each link,
 // directory, unit and registration there), and everything the run changed

@@ -3,11 +3,9 @@
 # that dkms built and checks it.
 . "$RK_LIB"
 release=$(uname -r)
-
 rk_join_kernel_headers
 rk_unpack_package /root/quorl-driver
 cd /root/quorl-driver
-
 rk_run install ./quorl-driver-installer
 rk_fact first_module "$(rk_first_module)"
 rk_run status dkms status quorl

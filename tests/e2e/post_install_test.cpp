@@ -1,242 +1,163 @@
-// The end of an installation on simulated hosts: the driver loaded at boot,
-// the prefix in the service files, the initramfs left without the driver,
-// and a first installation whose record names exactly what it put there.
-#include <gtest/gtest.h>
-
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
-
-#include "lab_host.hpp"
+// The end of an installation: the driver loaded at boot, the prefix in the
+// service files, the boot service copied, enabled and recorded, and the
+// initramfs left without the driver; and what a container or a broken
+// package does to it.
 #include "scenario_support.hpp"
 
 namespace {
 
 using namespace scenario;
 
+using Calls = std::vector<std::string>;
+
 const std::string package_unit = package_dir + "/conf/vantoriaquorl-init@.service";
-const std::string success =
-    "Quorl Driver installation succeed.\nFor the Quorl Driver uninstallation, please run command:\n"
-    "    sudo /usr/local/quorl-3.2.1/bin/quorl-driver-uninstaller\n";
+const std::string scripts = "/usr/local/quorl-3.2.1//bin";
+const std::string filled = "ExecStart=/usr/local/quorl-3.2.1/bin/vantoriaquorl.sh start %i\n";
+const std::string dracut_file = "/etc/dracut.conf.d/vantoria.conf";
 const std::string dracut_line = "omit_drivers+=\"vantoria\"\n";
+const std::string enabled = "systemctl enable vantoriaquorl-init@vantoria";
+const std::string restarted = "systemctl restart vantoriaquorl-init@vantoria";
 
-bool starts_with(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
-
-// A recorded path as the host's change list shows it: single slashes, no
-// slash at the end, and /lib seen through the merged-usr link.
-std::string as_changed(std::string path) {
-    std::string single;
-    for (char c : path)
-        if (c != '/' || single.empty() || single.back() != '/') single += c;
-    if (single.size() > 1 && single.back() == '/') single.pop_back();
-    if (single == "/lib" || starts_with(single, "/lib/")) single = "/usr" + single;
-    return single;
+// The record's lines about the service and its files, in the record's order.
+std::vector<std::string> service_lines(lab::Host& host) {
+    std::vector<std::string> lines;
+    for (const Line& line : parse_record(host.record()))
+        if (line.type == "SERVICE" || line.path.find("vantoriaquorl") != std::string::npos ||
+            line.path.find("pci_timeout") != std::string::npos)
+            lines.push_back(line.type + " " + line.path + " " + line.md5);
+    return lines;
 }
 
-// Paths a run creates that belong to others than the record: the log and the
-// record, systemd's links, the package's own build products, the kernel's
-// module index and tree, and what the DKMS registration stands for.
-bool outside_the_record(const std::string& path) {
-    const std::string modules = "/usr/lib/modules/" + release + "/";
-    for (const std::string& prefix : {std::string("/var/log/vantoriaquorl"), std::string("/etc/systemd/system/"),
-                                      package_dir + "/", modules + "modules.", modules + "kernel/drivers"}) {
-        if (starts_with(path, prefix) && !(prefix == modules + "kernel/drivers" && path.ends_with(".ko")))
-            return true;
-    }
-    return false;
-}
+std::string file_line(lab::Host& host, const std::string& path) { return "FILE " + path + " " + md5_of(host, path); }
 
-bool owned_by_dkms(const std::string& path) {
-    return starts_with(path, "/usr/src/quorl-3.2.1") || starts_with(path, "/var/lib/dkms/quorl") ||
-           starts_with(path, "/usr/lib/modules/" + release + "/updates");
-}
+auto calls_are = [](Calls calls) {
+    return [calls](lab::Host& host, const lab::RunResult&) { EXPECT_EQ(host.calls("systemctl"), calls); };
+};
 
-// Every line of the record names something the host now holds, with its true
-// digest, and everything the run created is named by a line.
-void expect_record_matches_host(lab::Host& host, bool with_dkms) {
-    std::set<std::string> recorded;
-    for (const std::string& line : lines_of(host.record())) {
-        const size_t blank = line.find(' ');
-        const std::string type = line.substr(0, blank);
-        std::string path = line.substr(blank + 1);
-        std::string digest;
-        if (type == "FILE" || type == "RFILE" || type == "SERVICE") {
-            digest = path.substr(path.find(' ') + 1);
-            path = path.substr(0, path.find(' '));
-        }
-        if (type == "RLINK" || type == "DKMS") path.pop_back();  // the blank these lines end in
-        if (type == "QUORL") {
-            EXPECT_EQ(path, "/usr/local/quorl-3.2.1/");
-        } else if (type == "FILE" || type == "RFILE") {
-            EXPECT_TRUE(host.read(path).has_value()) << line;
-            EXPECT_EQ(md5_of(host, path), digest) << line;
-        } else if (type == "SERVICE") {
-            EXPECT_EQ(path, "vantoriaquorl-init@vantoria");
-            EXPECT_EQ(md5_of(host, "/lib/systemd/system/vantoriaquorl-init@.service"), digest) << line;
-        } else if (type == "SYMLINK" || type == "RLINK") {
-            EXPECT_TRUE(host.is_symlink(path)) << line;
-        } else if (type == "DIR") {
-            EXPECT_TRUE(host.exists(path)) << line;
-        } else if (type == "DKMS") {
-            EXPECT_TRUE(with_dkms) << line;
-            EXPECT_EQ(path, "3.2.1");
-            EXPECT_TRUE(holds(host.run({"dkms", "status"}).out, "quorl/3.2.1, " + release + ", x86_64: installed"));
-        } else {
-            ADD_FAILURE() << "unknown line " << line;
-        }
-        if (type != "QUORL" && type != "SERVICE" && type != "DKMS") recorded.insert(as_changed(path));
-    }
-    bool dkms_seen = false;
-    for (const lab::Change& change : host.changes()) {
-        EXPECT_NE(change.kind, 'D') << change;
-        if (outside_the_record(change.path)) continue;
-        if (owned_by_dkms(change.path)) {
-            dkms_seen = true;
-            continue;
-        }
-        EXPECT_EQ(change.kind, 'C') << change;
-        EXPECT_EQ(recorded.count(change.path), 1u) << change << " is not in the record";
-    }
-    EXPECT_EQ(dkms_seen, with_dkms);
-}
-
-TEST(PostInstall, FirstInstallationOnTheDkmsPath) {
-    LAB_REQUIRE();
-    lab::Host host;
-    ready(host);
-    const lab::RunResult r = host.install();
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, success);
-    EXPECT_TRUE(holds(host.record(), "\nDKMS 3.2.1 \n"));
-    expect_record_matches_host(host, true);
-}
-
-TEST(PostInstall, FirstInstallationOnTheManualPath) {
-    LAB_REQUIRE();
-    lab::Host host;
-    ready(host);
-    const lab::RunResult r = host.install({"--disable-dkms"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, success);
-    EXPECT_TRUE(lacks(host.record(), "DKMS"));
-    EXPECT_TRUE(holds(host.record(), "\nFILE /lib/modules/" + release + "/kernel/drivers/misc/vantoria.ko "));
-    expect_record_matches_host(host, false);
-}
-
-TEST(PostInstall, TheDriverIsLoadedAtBootWithoutParameters) {
-    LAB_REQUIRE();
-    lab::Host host;
-    ready(host);
-    ASSERT_EQ(host.install().status, 0);
-    EXPECT_EQ(host.read("/etc/modules-load.d/vantoria.conf"), "vantoria\n");
-    EXPECT_TRUE(holds(host.record(), "\nFILE /etc/modules-load.d/vantoria.conf " +
-                                         md5_of(host, "/etc/modules-load.d/vantoria.conf") + "\n"));
-    // No parameter is enabled, so there is nothing for modprobe.d.
-    EXPECT_FALSE(host.exists("/etc/modprobe.d/vantoria.conf"));
-    EXPECT_TRUE(lacks(host.record(), "modprobe.d"));
-}
-
-TEST(PostInstall, ThePeerMemoryModuleIsLoadedAtBootWhenListed) {
-    LAB_REQUIRE();
-    lab::Host host;
-    // Loads the peer-memory module right behind the driver, as udev does on an OFED host.
-    ready(host).file("/usr/local/sbin/modprobe", R"(#!/bin/bash
+// Loads the peer-memory module right behind the driver, as udev does on an
+// OFED host, so that it is the module listed first when the service is named.
+const char* const modprobe_with_peer_memory = R"(#!/bin/bash
 (exec -a modprobe /usr/bin/kmod "$@") || exit
 if [ "$1" = vantoria ]; then insmod /lib/modules/$(uname -r)/updates/dkms/vnt_peer_mem_drv.ko; fi
-)",
-                     0755);
-    ASSERT_EQ(host.install().status, 0);
-    EXPECT_EQ(host.read("/etc/modules-load.d/vantoria.conf"), "vantoria\nvnt_peer_mem_drv\n");
-    EXPECT_TRUE(holds(host.record(), "\nFILE /etc/modules-load.d/vantoria.conf " +
-                                         md5_of(host, "/etc/modules-load.d/vantoria.conf") + "\n"));
-}
+)";
 
-TEST(PostInstall, ThePrefixOfTheFirstRunStaysInThePackagesServiceFile) {
-    LAB_REQUIRE();
-    lab::Host host;
-    ready(host);
-    ASSERT_EQ(host.install().status, 0);
-    const std::string filled = "ExecStart=/usr/local/quorl-3.2.1/bin/vantoriaquorl.sh start %i\n";
-    EXPECT_TRUE(holds(*host.read(package_unit), filled));
-    EXPECT_TRUE(lacks(*host.read(package_unit), "PREFIX"));
-    EXPECT_EQ(host.read("/lib/systemd/system/vantoriaquorl-init@.service"), host.read(package_unit));
-    EXPECT_TRUE(holds(host.log(), "Debug: sed -i 's|PREFIX|/usr/local/quorl-3.2.1/|g' conf/*.service\n"
-                                  "Install system service...\n"));
+const Row rows[] = {
+    {"a first installation is loaded at boot and its service enabled and recorded", nullptr, {}, 0,
+     {"Debug: sed -i 's|PREFIX|/usr/local/quorl-3.2.1/|g' conf/*.service\nInstall system service...\n"
+      "Installing service: vantoriaquorl-init@vantoria\n"
+      "Debug: cmd is cp -f ./conf/vantoriaquorl-init@.service /lib/systemd/system 2>&1\n"
+      "Debug: cmd is cp -f ./bin/pci_timeout.sh /usr/local/quorl-3.2.1//bin 2>&1\n"
+      "Debug: cmd is cp -f ./bin/vantoriaquorl.sh /usr/local/quorl-3.2.1//bin 2>&1\nInstall system service succeed.\n"},
+     {}, {"pci_timeout set", "running /usr/local/quorl-3.2.1/bin/pci_timeout.sh", "Checking service", "modprobe.d"},
+     [](lab::Host& host, const lab::RunResult& r) {
+         EXPECT_EQ(r.err, success);
+         EXPECT_EQ(host.calls("systemctl"), (Calls{enabled, restarted}));
+         // The unit's digest is the package's own file, which the installed copy equals.
+         const std::string digest = md5_of(host, package_unit);
+         EXPECT_EQ(service_lines(host), (Calls{"SERVICE vantoriaquorl-init@vantoria " + digest,
+                                              file_line(host, unit_file), file_line(host, scripts + "/pci_timeout.sh"),
+                                              file_line(host, scripts + "/vantoriaquorl.sh")}));
+         EXPECT_EQ(md5_of(host, unit_file), digest);
+         // Group and other may neither write nor run what the service installs.
+         EXPECT_EQ(host.mode(unit_file), 0644u);
+         EXPECT_EQ(host.mode(scripts + "/pci_timeout.sh"), 0744u);
+         EXPECT_EQ(host.mode(scripts + "/vantoriaquorl.sh"), 0744u);
+         EXPECT_TRUE(in_order(*host.read(package_unit), {filled}));
+         EXPECT_TRUE(lacks(*host.read(package_unit), "PREFIX"));
+         EXPECT_EQ(host.read("/etc/modules-load.d/vantoria.conf"), "vantoria\n");
+         EXPECT_FALSE(host.exists("/etc/modprobe.d/vantoria.conf"));
+         EXPECT_EQ(host.read(dracut_file), dracut_line);
+         EXPECT_TRUE(in_order(host.record(), {"\nDIR /etc/dracut.conf.d\n"}));
+     }},
+    {"a peer memory module listed first joins the instance and loads at boot",
+     [](lab::Host& h) { h.file("/usr/local/sbin/modprobe", modprobe_with_peer_memory, 0755); }, {}, 0, {}, {}, {},
+     [](lab::Host& host, const lab::RunResult&) {
+         ASSERT_EQ(host.proc_modules().rfind("vnt_peer_mem_drv ", 0), 0u) << host.proc_modules();
+         EXPECT_EQ(host.read("/etc/modules-load.d/vantoria.conf"), "vantoria\nvnt_peer_mem_drv\n");
+         EXPECT_EQ(host.calls("systemctl"), (Calls{enabled + ",vnt_peer_mem_drv", restarted + ",vnt_peer_mem_drv"}));
+         EXPECT_TRUE(in_order(host.record(), {"\nSERVICE vantoriaquorl-init@vantoria,vnt_peer_mem_drv " +
+                                              md5_of(host, unit_file) + "\n"}));
+         // Every instance shares the template's one unit file.
+         const std::string wants = "/etc/systemd/system/multi-user.target.wants/";
+         EXPECT_EQ(host.link_target(wants + "vantoriaquorl-init@vantoria,vnt_peer_mem_drv.service"), unit_file);
+     }},
+    // A second run from the same package finds no marker left and keeps the first prefix.
+    {"a second run keeps the first prefix in the service file", [](lab::Host& h) { h.install(); },
+     {"--prefix", "/opt/vantoria"}, 0, {"Debug: sed -i 's|PREFIX|/opt/vantoria/quorl-3.2.1/|g' conf/*.service\n"}, {},
+     {},
+     [](lab::Host& host, const lab::RunResult&) {
+         EXPECT_TRUE(in_order(*host.read(package_unit), {filled}));
+         EXPECT_TRUE(in_order(*host.read(unit_file), {filled}));
+         EXPECT_TRUE(host.exists("/opt/vantoria/quorl-3.2.1/bin/vantoriaquorl.sh"));
+     }},
+    {"without dracut the initramfs is left alone", [](lab::Host& h) { h.tool_missing("dracut"); }, {}, 0, {}, {},
+     {"dracut"}},
+    {"a dracut directory that was there is not recorded", [](lab::Host& h) { h.directory("/etc/dracut.conf.d"); }, {},
+     0, {}, {}, {"DIR /etc/dracut.conf.d"},
+     [](lab::Host& host, const lab::RunResult&) { EXPECT_EQ(host.read(dracut_file), dracut_line); }},
+    {"an older dracut file gets a second line", [](lab::Host& h) { h.file(dracut_file, dracut_line); }, {}, 0, {}, {},
+     {},
+     [](lab::Host& host, const lab::RunResult&) { EXPECT_EQ(host.read(dracut_file), dracut_line + dracut_line); }},
+    // The shell cannot append to a directory, and its exit code 2 is told
+    // with the system's text for error number 2.
+    {"a failed dracut line is only a warning", [](lab::Host& h) { h.directory(dracut_file); }, {}, 0,
+     {"Warning: add dracut conf failed.\necho 'omit_drivers+=\"vantoria\"' >> /etc/dracut.conf.d/vantoria.conf : "
+      "status:2 No such file or directory\nEmerge: Add dracut configuration failed. Vantoria driver might be added "
+      "into initrd.\n"},
+     {}, {"FILE /etc/dracut"},
+     [](lab::Host&, const lab::RunResult& r) {
+         // The command has no redirection of its own errors: the shell's complaint reaches the console.
+         EXPECT_EQ(r.err, "sh: 1: cannot create /etc/dracut.conf.d/vantoria.conf: Is a directory\nAdd dracut "
+                          "configuration failed. Vantoria driver might be added into initrd.\n" + success);
+     }},
+    {"a failed enable keeps the files but records no service",
+     [](lab::Host& h) {
+         h.answer("systemctl", "enable *", 1, "Failed to enable unit: Unit vantoriaquorl-init@vantoria.service is masked.\n");
+     },
+     {}, 5,
+     {"Warning: Install service vantoriaquorl-init@vantoria failed.\nFailed to enable unit: Unit "
+      "vantoriaquorl-init@vantoria.service is masked.\n\nWarning: Install vantoriaquorl-init@vantoria failed.\n"
+      "Warning: Install system service with fail.\n"},
+     {}, {"SERVICE"},
+     [](lab::Host& host, const lab::RunResult& r) {
+         // The restart is not tried once the enable failed.
+         calls_are({enabled})(host, r);
+         EXPECT_EQ(service_lines(host), (Calls{file_line(host, unit_file), file_line(host, scripts + "/pci_timeout.sh"),
+                                              file_line(host, scripts + "/vantoriaquorl.sh")}));
+         // The phase goes on to keep the driver out of the initramfs all the same.
+         EXPECT_EQ(host.read(dracut_file), dracut_line);
+     }},
+    {"a missing package script ends the service after two files",
+     [](lab::Host& h) { h.remove(package_dir + "/bin/vantoriaquorl.sh"); }, {}, 8,
+     {"Error: service or bin not existed ./bin/vantoriaquorl.sh\nWarning: Install vantoriaquorl-init@vantoria "
+      "failed.\nWarning: Install system service with fail.\n"},
+     {}, {"vantoriaquorl.sh "},
+     [](lab::Host& host, const lab::RunResult& r) {
+         calls_are({})(host, r);
+         EXPECT_EQ(service_lines(host), (Calls{file_line(host, unit_file), file_line(host, scripts + "/pci_timeout.sh")}));
+     }},
+    // A directory in place of the script: cp refuses it without -r.
+    {"a failed copy leaves that file unrecorded and the service enabled",
+     [](lab::Host& h) { h.remove(package_dir + "/bin/pci_timeout.sh").directory(package_dir + "/bin/pci_timeout.sh"); },
+     {}, 0,
+     {"Warning: Install ./bin/pci_timeout.sh failed.\ncp: -r not specified; omitting directory './bin/pci_timeout.sh'\n"},
+     {}, {"FILE /usr/local/quorl-3.2.1//bin/pci_timeout.sh"}, calls_are({enabled, restarted})},
+    // The words speak of DKMS though make built the modules here; and this
+    // x86_64 machine is no aarch64 Kylin, so the script stays unrun.
+    {"in a container the files are copied and nothing is enabled",
+     [](lab::Host& h) { h.cgroup("12:memory:/docker/0123456789abcdef\n0::/docker/0123456789abcdef\n"); }, {}, 0,
+     {"Debug: dkms not installed or in side docker. manually build driver. disable_dkms:0\n",
+      "Debug: cmd is cp -f ./bin/vantoriaquorl.sh /usr/local/quorl-3.2.1//bin 2>&1\n"
+      "Debug: seeking docker found line is #12:memory:/docker/0123456789abcdef#\n"
+      "Warning: DKMS won't work inside docker. skip it.\nSkip pci_timeout set.\nInstall system service succeed.\n"},
+     {}, {"SERVICE"},
+     [](lab::Host& host, const lab::RunResult& r) {
+         calls_are({})(host, r);
+         EXPECT_EQ(service_lines(host), (Calls{file_line(host, unit_file), file_line(host, scripts + "/pci_timeout.sh"),
+                                              file_line(host, scripts + "/vantoriaquorl.sh")}));
+     }},
+};
 
-    // A second run from the same package finds no marker left.
-    const lab::RunResult second = host.install({"--prefix", "/opt/vantoria"});
-    ASSERT_EQ(second.status, 0) << second.err;
-    EXPECT_TRUE(holds(host.log(), "Debug: sed -i 's|PREFIX|/opt/vantoria/quorl-3.2.1/|g' conf/*.service\n"));
-    EXPECT_TRUE(holds(*host.read(package_unit), filled));
-    EXPECT_TRUE(holds(*host.read("/lib/systemd/system/vantoriaquorl-init@.service"), filled));
-    EXPECT_TRUE(host.exists("/opt/vantoria/quorl-3.2.1/bin/vantoriaquorl.sh"));
-}
-
-TEST(PostInstall, DracutKeepsTheDriverOutOfTheInitramfs) {
-    LAB_REQUIRE();
-    struct Case {
-        const char* what;
-        bool dracut;
-        bool directory_before;
-        bool dir_recorded;
-    } cases[] = {
-        {"dracut, no directory", true, false, true},
-        {"dracut and its directory", true, true, false},
-        {"no dracut", false, false, false},
-    };
-    for (const Case& c : cases) {
-        lab::Host host("PostInstall.Dracut-" + std::to_string(&c - cases));
-        ready(host);
-        if (!c.dracut) host.tool_missing("dracut");
-        if (c.directory_before) host.directory("/etc/dracut.conf.d");
-        ASSERT_EQ(host.install().status, 0) << c.what;
-        const std::string record = host.record();
-        EXPECT_EQ(host.read("/etc/dracut.conf.d/vantoria.conf").value_or("none"), c.dracut ? dracut_line : "none")
-            << c.what;
-        EXPECT_EQ(host.exists("/etc/dracut.conf.d"), c.dracut || c.directory_before) << c.what;
-        EXPECT_EQ(record.find("\nDIR /etc/dracut.conf.d\n") != std::string::npos, c.dir_recorded) << c.what;
-        if (c.dracut) {
-            EXPECT_TRUE(holds(record, "\nFILE /etc/dracut.conf.d/vantoria.conf " +
-                                          md5_of(host, "/etc/dracut.conf.d/vantoria.conf") + "\n"))
-                << c.what;
-        } else {
-            EXPECT_TRUE(lacks(record, "dracut")) << c.what;
-            EXPECT_TRUE(lacks(host.log(), "dracut")) << c.what;
-        }
-    }
-}
-
-TEST(PostInstall, AnOlderDracutFileGetsASecondLine) {
-    LAB_REQUIRE();
-    lab::Host host;
-    ready(host).file("/etc/dracut.conf.d/vantoria.conf", dracut_line);
-    ASSERT_EQ(host.install().status, 0);
-    EXPECT_EQ(host.read("/etc/dracut.conf.d/vantoria.conf"), dracut_line + dracut_line);
-    // The digest is taken after the append.
-    EXPECT_TRUE(holds(host.record(), "\nFILE /etc/dracut.conf.d/vantoria.conf " +
-                                         md5_of(host, "/etc/dracut.conf.d/vantoria.conf") + "\n"));
-}
-
-TEST(PostInstall, AFailedDracutLineIsOnlyAWarning) {
-    LAB_REQUIRE();
-    lab::Host host;
-    // A directory where the file should be: the shell cannot append to it, and
-    // its exit code 2 is told with the system's text for error number 2.
-    ready(host).directory("/etc/dracut.conf.d/vantoria.conf");
-    const lab::RunResult r = host.install();
-    EXPECT_EQ(r.status, 0);
-    // The command has no redirection of its own errors: the shell's complaint reaches the console.
-    EXPECT_EQ(r.err,
-              "sh: 1: cannot create /etc/dracut.conf.d/vantoria.conf: Is a directory\n"
-              "Add dracut configuration failed. Vantoria driver might be added into initrd.\n" +
-                  success);
-    EXPECT_TRUE(holds(host.log(), "Warning: add dracut conf failed.\n"
-                                  "echo 'omit_drivers+=\"vantoria\"' >> /etc/dracut.conf.d/vantoria.conf : status:2 "
-                                  "No such file or directory\n"
-                                  "Emerge: Add dracut configuration failed. Vantoria driver might be added into "
-                                  "initrd.\n"));
-    EXPECT_TRUE(lacks(host.record(), "dracut"));
-}
+SCENARIO_TABLE(PostInstall, rows);
 
 }  // namespace

@@ -1,14 +1,19 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
-#include <gtest/gtest.h>
-
 #include "app/log.hpp"
 #include "record/run_state.hpp"
+
+inline std::string slurp(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+}
 
 // A scratch directory for one test, removed with everything in it at the end.
 class TempDir {
@@ -19,30 +24,20 @@ public:
     }
     ~TempDir() { std::filesystem::remove_all(path_); }
     TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
     // Writes a file below the directory, creating its parents.
     std::string write(const std::string& name, const std::string& content) const {
-        std::string full = *this / name;
-        std::filesystem::create_directories(std::filesystem::path(full).parent_path());
-        std::ofstream(full, std::ios::binary) << content;
-        return full;
+        std::filesystem::create_directories(std::filesystem::path(*this / name).parent_path());
+        std::ofstream(*this / name, std::ios::binary) << content;
+        return *this / name;
     }
 
 private:
     std::string path_;
 };
 
-inline std::string slurp(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
-}
-
-// A test that starts from a fresh process state, with the log written to a
-// file of its own scratch directory.
+// A test that starts from a fresh process state, its log in a file of its own scratch directory.
 class LoggedTest : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -55,19 +55,21 @@ share=$run_dir/share
     done
 } > "$share/env"
 
-# The guest mounts fresh file systems on these; anything of this machine
-# that it needs must lie elsewhere.
-hidden_in_guest() {
+# The guest mounts fresh file systems on /tmp and /run: what it needs of this
+# machine there (sources, build directory) is shown to its scenarios at the
+# same place (RK_REVEAL). /proc, /sys and /dev are the guest's own.
+reveal=()
+needs() {
     case "$1" in
-        /tmp/*|/run/*|/proc/*|/sys/*|/dev/*) return 0 ;;
+        *" "*|/proc/*|/sys/*|/dev/*) echo "boot.sh: the guest cannot be shown $1" >&2; exit 2 ;;
+        /tmp/*|/run/*) reveal+=("$1") ;;
     esac
-    return 1
 }
-for needed in "$here" "$prepared"; do
-    if hidden_in_guest "$needed"; then
-        echo "boot.sh: $needed is hidden in the guest; keep sources and build directory outside /tmp and /run" >&2
-        exit 2
-    fi
+needs "$here"
+needs "$prepared"
+for assignment in ${extra_env[@]+"${extra_env[@]}"}; do
+    value=${assignment#*=}
+    if [ -d "$value" ]; then needs "$value"; elif [ -e "$value" ]; then needs "$(dirname "$value")"; fi
 done
 
 names=()
@@ -78,12 +80,10 @@ for script in "$@"; do
     done
     names+=("$name")
     path=$(realpath "$script")
-    if hidden_in_guest "$path"; then
-        echo "boot.sh: $path is hidden in the guest; keep scenarios outside /tmp and /run" >&2
-        exit 2
-    fi
+    needs "$(dirname "$path")"
     echo "$name $path" >> "$share/plan"
 done
+echo "RK_REVEAL=\"${reveal[*]+${reveal[*]}}\"" >> "$share/env"
 
 cmdline="console=ttyS0 rdinit=/init panic=-1 quiet$append"
 start=$(date +%s)

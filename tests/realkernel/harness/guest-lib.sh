@@ -33,6 +33,18 @@ rk_first_module() {
     head -n 1 /proc/modules | cut -d' ' -f1
 }
 
+# rk_entries DIR: how many entries DIR holds, leaving out the directories
+# through which the harness shows this machine's /tmp or /run (RK_REVEAL).
+rk_entries() {
+    local entry count=0
+    for entry in "$1"/* "$1"/.[!.]*; do
+        [ -e "$entry" ] || [ -L "$entry" ] || continue
+        case " $RK_REVEAL " in *" $entry/"* | *" $entry "*) continue ;; esac
+        count=$((count + 1))
+    done
+    echo "$count"
+}
+
 # rk_kernel_log: the kernel's messages since this scenario began.
 rk_kernel_log() {
     dmesg | sed -n "/realkernel: scenario $RK_SCENARIO begins\$/,\$p"
@@ -42,6 +54,7 @@ rk_kernel_log() {
 # DIR with the installer binary ($RK_INSTALLER) beside its files, as an
 # administrator would find it after unpacking.
 rk_unpack_package() {
+    rm -rf "$1"
     mkdir -p "$1"
     cp -a "$RK_PACKAGE/." "$1/"
     cp "$RK_INSTALLER" "$1/quorl-driver-installer"

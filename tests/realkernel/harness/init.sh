@@ -71,9 +71,23 @@ enter_root() {
     ln -sfn /proc/self/fd/0 /newroot/dev/stdin
     ln -sfn /proc/self/fd/1 /newroot/dev/stdout
     ln -sfn /proc/self/fd/2 /newroot/dev/stderr
-    # Nothing of the host's run time state (its systemd, its journal) shows.
+    # Nothing of the host's run time state (its systemd, its journal) shows,
+    # but for what the harness needs there: it is bound from the overlay's
+    # own view, so that a scenario's writes there stay in its layer too.
+    i=0
+    for path in $RK_REVEAL; do
+        i=$((i + 1))
+        mkdir -p "/layer/reveal/$i"
+        mount --bind "/newroot$path" "/layer/reveal/$i" || fail "bind of $path"
+    done
     mount -t tmpfs -o mode=0755 tmpfs /newroot/run
     mount -t tmpfs -o mode=1777 tmpfs /newroot/tmp
+    i=0
+    for path in $RK_REVEAL; do
+        i=$((i + 1))
+        mkdir -p "/newroot$path"
+        mount --bind "/layer/reveal/$i" "/newroot$path" || fail "bind of $path"
+    done
 }
 
 leave_root() {

@@ -5,32 +5,25 @@
 . "$RK_LIB"
 release=$(uname -r)
 installed=/lib/modules/$release/kernel/drivers/misc/vantoria.ko
-
 rk_fact enforced "$(cat /sys/module/module/parameters/sig_enforce)"
-
 rk_join_kernel_headers
 rk_unpack_package /root/quorl-driver
 cd /root/quorl-driver
-
 rk_run install ./quorl-driver-installer --disable-dkms
 rk_fact loaded "$(grep -c '^vantoria ' /proc/modules)"
 rk_save install.log /var/log/vantoriaquorl/driver_installer.log
 rk_record record
 rk_changes changes
-
 # The saved pair: its files, their modes, and that they belong together.
 rk_fact keys "$(cd /usr/share/vantoria && stat -c '%a %n' * | tr '\n' ' ')"
 der=$(ls /usr/share/vantoria/*.der)
 key=$(ls /usr/share/vantoria/*.key)
 rk_fact fingerprint "$(openssl x509 -noout -fingerprint -inform DER -in "$der")"
-rk_fact subject "$(openssl x509 -noout -subject -inform DER -in "$der")"
 rk_fact pair_matches "$([ "$(openssl x509 -noout -pubkey -inform DER -in "$der")" = "$(openssl pkey -pubout -in "$key")" ] && echo yes)"
 rk_fact signer "$(modinfo -F signer "$installed")"
 rk_fact temporary_keys "$(ls /tmp | grep -c '^vantoriatmp-')"
-
 # The kernel's side: modprobe is refused in the same words, while the
 # distribution's own signed modules still load.
 rk_run modprobe modprobe vantoria
 rk_run modprobe_signed_by_debian modprobe crc7
-rk_fact first_module "$(rk_first_module)"
 rk_fact rejected_for_key "$(rk_kernel_log | grep -c 'Loading of module with unavailable key is rejected$')"

@@ -63,9 +63,10 @@ Outcome run_program(const std::vector<std::string>& argv)
 GuestBoot::GuestBoot(std::string name)
     : name_(std::move(name)), dir_(binary_dir + "/runs/" + name_)
 {
-    // What every scenario may use: the installer of this build and the
-    // sample package.
+    // What every scenario may use: the installer and the preview of this
+    // build, and the sample package.
     env("RK_INSTALLER", RK_INSTALLER);
+    env("RK_PREVIEW", RK_PREVIEW);
     env("RK_PACKAGE", RK_PACKAGE_DIR);
 }
 

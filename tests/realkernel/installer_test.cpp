@@ -1,9 +1,14 @@
 // What only a real kernel shows of the installer of this build: the module
 // built by kbuild and by the real dkms, loaded by init_module and listed first
 // in /proc/modules, taken out by the real rmmod when the installer runs again,
-// and refused for its key by a kernel that enforces signatures. The words of
-// the log are the simulated host's to pin; the guest has no card.
+// and refused for its key by a kernel that enforces signatures; and the
+// preview, run with the real dkms and depmod before the same installation.
+// The words of the log are the simulated host's to pin; the guest has no card.
 #include <filesystem>
+#include <gtest/gtest.h>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "boot_suite.hpp"
 #include "scenario_checks.hpp"
@@ -130,6 +135,55 @@ TEST_F(DkmsInstallBoot, TheRealDkmsBuildsInstallsAndTheModuleLoads)
     const std::string modules = boot().guest_env("RK_MODULES_MOUNT").value_or("");
     expect_true_and_complete_record(boot(), "install_dkms", "record", "changes",
                                     {"/usr/src/quorl-3.2.1/", "/var/lib/dkms/quorl/", modules + "/updates/dkms/"});
+}
+
+// A snapshot fact (rk_snapshot): each path with its "TYPE CONTENT".
+std::map<std::string, std::string> snapshot(const GuestBoot& boot, const std::string& fact)
+{
+    std::map<std::string, std::string> entries;
+    std::istringstream lines(text(boot, "install_dkms", fact));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t second = line.find(' ', line.find(' ') + 1);
+        if (second != std::string::npos) entries[line.substr(second + 1)] = line.substr(0, second);
+    }
+    return entries;
+}
+
+// The preview ran first in the same fresh root, the real dkms and depmod in it.
+TEST_F(DkmsInstallBoot, ThePreviewLeftTheGuestAsItWasAndToldWhatTheInstallationThenDid)
+{
+    const char* scenario = "install_dkms";
+    EXPECT_EQ(text(boot(), scenario, "after_preview"), text(boot(), scenario, "before_preview"));
+    EXPECT_EQ(text(boot(), scenario, "modules_after_preview"), text(boot(), scenario, "modules_before_preview"));
+    const auto report = nlohmann::json::parse(text(boot(), scenario, "preview.out"), nullptr, false);
+    ASSERT_FALSE(report.is_discarded()) << text(boot(), scenario, "preview.err") << boot().where(scenario);
+    EXPECT_EQ(text(boot(), scenario, "preview.status"), "0\n");
+    EXPECT_EQ(report["status"], 0);
+    EXPECT_EQ(report["modules_unloaded"], nlohmann::json::array());
+    EXPECT_EQ(report["modules_loaded"], nlohmann::json::array({"vantoria"}));
+    std::vector<std::string> calls;
+    std::istringstream recorded(text(boot(), scenario, "install.calls"));
+    for (std::string line; std::getline(recorded, line);)
+        if (!line.empty()) calls.push_back("systemctl " + line);
+    EXPECT_EQ(report["systemctl"].get<std::vector<std::string>>(), calls);
+
+    // What the installation wrote and deleted is what changed between the two
+    // snapshots. The guest's systemctl is a stub that makes no links; the
+    // preview's stand-in makes the ones systemd would.
+    const auto before = snapshot(boot(), "after_preview"), after = snapshot(boot(), "after_install");
+    auto compared = [&](const std::string& path) {
+        return !path.starts_with("/etc/systemd/system/") && !(after.count(path) && after.at(path)[0] == 'd');
+    };
+    std::vector<std::string> installed, previewed;
+    for (const auto& [path, entry] : after)
+        if (compared(path) && (!before.count(path) || before.at(path) != entry))
+            installed.push_back((entry[0] == 'c' ? "deleted " : "") + path);
+    for (const std::string list : {"created", "changed", "deleted"})
+        for (const std::string path : report[list])
+            if (compared(path)) previewed.push_back((list == "deleted" ? "deleted " : "") + path);
+    std::sort(previewed.begin(), previewed.end());
+    EXPECT_NE(std::find(installed.begin(), installed.end(), "/var/lib/dkms/quorl/3.2.1/source"), installed.end());
+    EXPECT_EQ(previewed, installed) << boot().where(scenario);
 }
 
 } // namespace

@@ -51,13 +51,36 @@ rk_kernel_log() {
 }
 
 # rk_unpack_package DIR: the sample driver package ($RK_PACKAGE) copied to
-# DIR with the installer binary ($RK_INSTALLER) beside its files, as an
-# administrator would find it after unpacking.
+# DIR with the installer ($RK_INSTALLER) and the preview ($RK_PREVIEW)
+# beside its files, as an administrator would find it after unpacking.
 rk_unpack_package() {
     rm -rf "$1"
     mkdir -p "$1"
     cp -a "$RK_PACKAGE/." "$1/"
     cp "$RK_INSTALLER" "$1/quorl-driver-installer"
+    cp "$RK_PREVIEW" "$1/quorl-driver-preview"
+}
+
+# rk_snapshot NAME: every entry of the scenario's changes so far, one
+# "TYPE CONTENT PATH" line each (d directory, f file, l link, c a deletion;
+# CONTENT the mode and MD5 of a file, the target of a link), sorted by path,
+# as fact NAME. Two snapshots tell what happened between them. A module
+# tree file written again as it was (depmod rewrites every index) is no change.
+rk_snapshot() {
+    local entry upper prefix lower type mode path
+    mkdir -p "$RK_OUT/facts"
+    for entry in "/rk/upper::" "/rk/modules-upper:$RK_MODULES_MOUNT:/rk/modules-lower"; do
+        IFS=: read -r upper prefix lower <<<"$entry"
+        (cd "$upper" && find . -xdev -mindepth 1 -printf '%y %m %P\n') | while read -r type mode path; do
+            case $type in
+                f) if [ -n "$lower" ] && cmp -s "$upper/$path" "$lower/$path" &&
+                       [ "$(stat -c %a "$lower/$path")" = "$mode" ]; then continue; fi
+                   echo "f $mode:$(md5sum < "$upper/$path" | cut -c1-32) $prefix/$path" ;;
+                l) echo "l $(readlink "$upper/$path") $prefix/$path" ;;
+                *) echo "$type $mode $prefix/$path" ;;
+            esac
+        done
+    done | LC_ALL=C sort -k3 > "$RK_OUT/facts/$1"
 }
 
 # rk_changes NAME: every file, link and deletion that the scenario has made

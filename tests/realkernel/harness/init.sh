@@ -113,7 +113,7 @@ while read -r name script; do
     enter_root
     mount -t overlay overlay -o "lowerdir=/base/modules,upperdir=/layer/mupper,workdir=/layer/mwork" \
         "/newroot$RK_MODULES_MOUNT" || fail "overlay of the module tree"
-    mkdir -p "/share/out/$name" /newroot/rk/out /newroot/rk/upper /newroot/rk/modules-upper
+    mkdir -p "/share/out/$name" /newroot/rk/out /newroot/rk/upper /newroot/rk/modules-upper /newroot/rk/modules-lower
     mount --bind "/share/out/$name" /newroot/rk/out
     # What the scenario has written so far, as the overlays hold it: the
     # exact list of what it changed on the host and in the module tree.
@@ -121,6 +121,9 @@ while read -r name script; do
     mount --bind /layer/mupper /newroot/rk/modules-upper
     mount -o remount,bind,ro /newroot/rk/upper
     mount -o remount,bind,ro /newroot/rk/modules-upper
+    # The module tree as it was, for telling a file written again as it was.
+    mount --bind /base/modules /newroot/rk/modules-lower
+    mount -o remount,bind,ro /newroot/rk/modules-lower
     cp /share/env /newroot/rk/env
     cut -d' ' -f1 /proc/modules > /modules.before
 

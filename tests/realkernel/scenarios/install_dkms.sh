@@ -1,12 +1,24 @@
 # The DKMS path: the real dkms adds the package's sources, builds them for the
 # running kernel and installs the result; the installer then loads the module
-# that dkms built and checks it.
+# that dkms built and checks it. The preview runs first, real dkms and depmod
+# in it, and must leave the machine as it was and tell what the installation
+# then does.
 . "$RK_LIB"
 release=$(uname -r)
 rk_join_kernel_headers
 rk_unpack_package /root/quorl-driver
 cd /root/quorl-driver
+rk_snapshot before_preview
+rk_fact modules_before_preview "$(cat /proc/modules)"
+rk_run preview ./quorl-driver-preview --json
+rk_fact modules_after_preview "$(cat /proc/modules)"
+rk_snapshot after_preview
+calls_before=$(cat /rk/out/systemctl.calls 2>/dev/null | wc -l)
+
 rk_run install ./quorl-driver-installer
+rk_snapshot after_install
+rk_fact install.calls "$(tail -n +$((calls_before + 1)) /rk/out/systemctl.calls)"
+rk_fact modules_after_install "$(cat /proc/modules)"
 rk_fact first_module "$(rk_first_module)"
 rk_run status dkms status quorl
 rk_fact found_by_modprobe "$(modinfo -n vantoria)"

@@ -9,11 +9,6 @@
 #include "fuzz_support.hpp"
 #include "kmod/firmware_check.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 namespace {
 
 // Filled the way the record keeps its texts: bounded, unterminated when full.

@@ -1,17 +1,10 @@
 // /proc/cmdline, as the decision whether modules must be signed reads it.
 // Nothing may end the process.
 #include "fuzz_support.hpp"
-#include "host/files.hpp"
 #include "installer/preparation.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::string text;
-    read_as_proc_file(data, size, [&](FILE* file) { read_chunks(file, text); });
+    const std::string text = read_as_proc_file(data, size);
     // The chunked read never holds more than the file, and never a NUL byte.
     FUZZ_CHECK(text.find('\0') == std::string::npos);
     const bool enforced = cmdline_enforces_signing(text);

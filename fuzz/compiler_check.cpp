@@ -9,11 +9,6 @@
 #include "fuzz_support.hpp"
 #include "installer/preparation.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);
     const std::string uname_output = input.ConsumeRandomLengthString();

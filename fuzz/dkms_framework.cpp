@@ -3,11 +3,6 @@
 #include "dkms/dkms_config.hpp"
 #include "fuzz_support.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     DkmsConfig config;
     parse_dkms_config(as_text(data, size), config);

@@ -5,11 +5,6 @@
 #include "host/files.hpp"
 #include "record/install_record.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text = as_text(data, size);
     const std::vector<ManifestEntry> entries = parse_install_record(text);

@@ -3,11 +3,6 @@
 #include "fuzz_support.hpp"
 #include "kmod/module_loading.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string output = as_text(data, size);
     const std::string version = module_version_from_modinfo(output);

@@ -2,11 +2,6 @@
 #include "fuzz_support.hpp"
 #include "host/environment_probes.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     OsIdentity identity{"unset-id", "unset-version"};
     parse_os_release(as_text(data, size), identity);

@@ -7,11 +7,6 @@
 #include "host/files.hpp"
 #include "installer/package_manifest.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text = as_text(data, size);
     const size_t lines = split_string(text, '\n').size();

@@ -3,11 +3,6 @@
 #include "fuzz_support.hpp"
 #include "system/service.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    open_log_on_null();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int32_t pid = -7;
     int32_t pid_status = -7;

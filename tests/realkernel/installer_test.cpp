@@ -72,9 +72,6 @@ TEST_F(ManualInstallBoot, AgainTheRealRmmodTakesItOutBeforeItComesBack)
     // The kernel saw the module come, go with rmmod, and come back.
     expect_facts(boot(), "install_manual",
                  {{"again.status", "0"}, {"first_module_again", "vantoria"}, {"loads", "2"}, {"unloads", "1"}});
-    EXPECT_TRUE(in_order(text(boot(), "install_manual", "again.log"),
-                         {"Successful to uninstall driver vantoria.\n", "Uninstall: " + installed_module(boot()) + " Succeed.\n",
-                          "Start to build driver: vantoria\n", "Install vantoria succeed.\n"}));
     expect_true_and_complete_record(boot(), "install_manual", "record_again", "changes_again");
 }
 
@@ -107,9 +104,6 @@ TEST_F(SignedInstallBoot, TheKernelRefusesTheGeneratedKeyAndTheRunEndsIn50)
                   {"temporary_keys", "0"},
                   {"modprobe.err", "modprobe: ERROR: could not insert 'vantoria': Key was rejected by service"},
                   {"modprobe_signed_by_debian.status", "0"}});
-    EXPECT_TRUE(in_order(text(boot(), "install_signed", "install.log"),
-                         {"Debug: module.sig_enforce set, do module sign.\n",
-                          "Warning: Try insmod vantoria failed due to module sign. 129 Key was rejected by service\n"}));
     expect_true_and_complete_record(boot(), "install_signed", "record", "changes");
 }
 
@@ -131,7 +125,6 @@ TEST_F(DkmsInstallBoot, TheRealDkmsBuildsInstallsAndTheModuleLoads)
                   {"signer", "realkernel dkms signing key"},  // the pair dkms finds in /var/lib/dkms
                   {"built", "vantoria.ko vnt_peer_mem_drv.ko "}});
     EXPECT_EQ(text(boot(), "install_dkms", "install.err"), success);
-    EXPECT_TRUE(in_order(text(boot(), "install_dkms", "record"), {"\nDKMS 3.2.1 \n"}));
     const std::string modules = boot().guest_env("RK_MODULES_MOUNT").value_or("");
     expect_true_and_complete_record(boot(), "install_dkms", "record", "changes",
                                     {"/usr/src/quorl-3.2.1/", "/var/lib/dkms/quorl/", modules + "/updates/dkms/"});

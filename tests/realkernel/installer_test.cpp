@@ -88,20 +88,12 @@ protected:
 TEST_F(SignedInstallBoot, TheKernelRefusesTheGeneratedKeyAndTheRunEndsIn50)
 {
     ASSERT_EQ(boot().exit_status("install_signed"), 0) << boot().where("install_signed");
-    // The saved pair is named after the first three bytes of its fingerprint.
-    const std::string fingerprint = text(boot(), "install_signed", "fingerprint");
-    std::string stem = fingerprint.substr(fingerprint.find('=') + 1, 8);
-    std::erase(stem, ':');
-    stem = "vantoria-cert-" + stem;
     expect_facts(boot(), "install_signed",
                  {{"enforced", "Y"},
                   {"install.status", "50"},
                   {"loaded", "0"},
                   {"rejected_for_key", "2"},
-                  {"keys", "640 " + stem + ".der 600 " + stem + ".key "},
-                  {"pair_matches", "yes"},
                   {"signer", "quorl-installer generated signing key"},
-                  {"temporary_keys", "0"},
                   {"modprobe.err", "modprobe: ERROR: could not insert 'vantoria': Key was rejected by service"},
                   {"modprobe_signed_by_debian.status", "0"}});
     expect_true_and_complete_record(boot(), "install_signed", "record", "changes");

@@ -1,7 +1,8 @@
 # A kernel booted with module.sig_enforce=1 and no key given: the installer
 # takes the signing decision from the command line, generates a key pair,
 # signs the module with it and saves the pair for enrolment; the kernel does
-# not know the key and refuses the module.
+# not know the key and refuses the module. What the run leaves on the disk is
+# the simulated host's to pin.
 . "$RK_LIB"
 release=$(uname -r)
 installed=/lib/modules/$release/kernel/drivers/misc/vantoria.ko
@@ -14,14 +15,7 @@ rk_fact loaded "$(grep -c '^vantoria ' /proc/modules)"
 rk_save install.log /var/log/vantoriaquorl/driver_installer.log
 rk_record record
 rk_changes changes
-# The saved pair: its files, their modes, and that they belong together.
-rk_fact keys "$(cd /usr/share/vantoria && stat -c '%a %n' * | tr '\n' ' ')"
-der=$(ls /usr/share/vantoria/*.der)
-key=$(ls /usr/share/vantoria/*.key)
-rk_fact fingerprint "$(openssl x509 -noout -fingerprint -inform DER -in "$der")"
-rk_fact pair_matches "$([ "$(openssl x509 -noout -pubkey -inform DER -in "$der")" = "$(openssl pkey -pubout -in "$key")" ] && echo yes)"
 rk_fact signer "$(modinfo -F signer "$installed")"
-rk_fact temporary_keys "$(ls /tmp | grep -c '^vantoriatmp-')"
 # The kernel's side: modprobe is refused in the same words, while the
 # distribution's own signed modules still load.
 rk_run modprobe modprobe vantoria

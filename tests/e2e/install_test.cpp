@@ -311,6 +311,7 @@ const Row rows[] = {
      }},
     // Under signing dkms may need the terminal, so the build runs as a child
     // that shares the installer's streams; dkms signs by itself on this path.
+    // A fork or execl of that child that fails cannot be brought about here.
     {"a signed dkms build runs on the terminal", [](lab::Host& h) { h.kernel_tree(release, {"CONFIG_MODULE_SIG_FORCE=y"}); },
      {}, 0, {"Debug: wait for pid ", "dkms build success.\n"}, {"Building vantoria driver...\n\n"},
      {"dkms build is not exit normally", "do sign module", "/usr/share/vantoria"},

@@ -92,12 +92,13 @@ std::vector<std::string> systemctl_places() {
     return {places.begin(), places.end()};
 }
 
-// Passes the command's two streams on as they come and keeps a copy of both.
+// Passes the command's streams on as they come and keeps a copy of both; a
+// stream given as -1 is not there (the other one carries both).
 std::string pump(int out, int err, int out_to, int err_to) {
     std::string console;
     pollfd fds[2] = {{out, POLLIN, 0}, {err, POLLIN, 0}};
     const int to[2] = {out_to, err_to};
-    int open_streams = 2;
+    int open_streams = (out >= 0) + (err >= 0);
     char buf[4096];
     while (open_streams > 0) {
         if (poll(fds, 2, -1) < 0) {
@@ -182,13 +183,16 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
 std::optional<Report> run_preview(const PreviewRequest& request, std::string* error) {
     Sandbox box;
     if (!prepare(request, &box, error)) return std::nullopt;
-    int out[2], err[2], result[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0 || pipe2(result, O_CLOEXEC) != 0) {
+    // With the report on standard output, both streams of the installer go to
+    // standard error through one pipe, so that their lines keep the order in
+    // which they were written.
+    int out[2], err[2] = {-1, -1}, result[2];
+    if (pipe2(out, O_CLOEXEC) != 0 || (!request.json && pipe2(err, O_CLOEXEC) != 0) || pipe2(result, O_CLOEXEC) != 0) {
         *error = failure("pipes");
         return std::nullopt;
     }
     box.stdout_fd = out[1];
-    box.stderr_fd = err[1];
+    box.stderr_fd = request.json ? out[1] : err[1];
     pid_t runner = fork();
     if (runner < 0) {
         *error = failure("fork");
@@ -196,7 +200,7 @@ std::optional<Report> run_preview(const PreviewRequest& request, std::string* er
     }
     if (runner == 0) {
         close(out[0]);
-        close(err[0]);
+        if (err[0] >= 0) close(err[0]);
         close(result[0]);
         std::string why;
         int status = run_sandboxed(box, &why);
@@ -205,7 +209,7 @@ std::optional<Report> run_preview(const PreviewRequest& request, std::string* er
         _exit(0);
     }
     close(out[1]);
-    close(err[1]);
+    if (err[1] >= 0) close(err[1]);
     close(result[1]);
     Report report;
     report.console = pump(out[0], err[0], request.json ? 2 : 1, 2);

@@ -33,25 +33,17 @@ TEST_F(Preparation, FirstDottedTriple) {
 }
 
 TEST_F(Preparation, OnlyAGccOfMajorVersionThreeOrLowerIsRefused) {
-    const std::string refusal =
-        "Error: Kernel version and gcc version didn't match. Please install kernel and gcc with matching version.\n";
     struct Case {
         std::string uname, gcc;
         bool passes;
-        std::string log;
     } cases[] = {
-        {"5.15.0-91-generic\n", "gcc (Debian 12.2.0-14) 12.2.0\n", true, "kernel version: 5.15.0\ngcc version: 12.2.0\n"},
-        {"3.10.0-1160.el7\n", "gcc (GCC) 4.8.5 20150623\n", true, "kernel version: 3.10.0\ngcc version: 4.8.5\n"},
+        {"5.15.0-91-generic\n", "gcc (Debian 12.2.0-14) 12.2.0\n", true},
+        {"3.10.0-1160.el7\n", "gcc (GCC) 4.8.5 20150623\n", true},
         // The first triple counts even when it isn't gcc's own.
-        {"6.1.0\n", "gcc (fork of 2.95.3) 12.2.0\n", false, "kernel version: 6.1.0\ngcc version: 2.95.3\n" + refusal},
-        {"6.1.0\n", "gcc (GCC) 12\n", false, "kernel version: 6.1.0\ngcc version: \n" + refusal},
+        {"6.1.0\n", "gcc (fork of 2.95.3) 12.2.0\n", false},
+        {"6.1.0\n", "gcc (GCC) 12\n", false},
     };
-    for (const Case& c : cases) {
-        const size_t before = log_text().size();
-        EXPECT_EQ(judge_compiler(c.uname, c.gcc), c.passes) << c.gcc;
-        EXPECT_EQ(log_text().substr(before), c.log) << c.gcc;
-    }
-    EXPECT_EQ(first_dotted_triple("version 1.2 then 3.4.5.6"), "3.4.5");
+    for (const Case& c : cases) EXPECT_EQ(judge_compiler(c.uname, c.gcc), c.passes) << c.gcc;
     // Nothing catches this: the process ends abnormally.
     EXPECT_THROW(judge_compiler("6.1-rc1\n", "gcc (GCC) 12.2.0\n"), std::out_of_range);
 }

@@ -8,8 +8,6 @@ TEST(DkmsConfig, FrameworkFileParsing) {
     struct Case {
         std::string text, source_tree, dkms_tree, install_tree;
     } cases[] = {
-        {"dkms_tree=\"/opt/dkms\"\n", "/usr/src", "/opt/dkms", "/lib/modules"},
-        {"#dkms_tree=/commented\n", "/usr/src", "/var/lib/dkms", "/lib/modules"},
         {" #dkms_tree=/blank-first\n", "/usr/src", "/blank-first", "/lib/modules"},  // only column one comments
         {"my_source_tree=/longer/name\n", "/longer/name", "/var/lib/dkms", "/lib/modules"},
         {"dkms_tree=/a\ndkms_tree=/b\n", "/usr/src", "/b", "/lib/modules"},

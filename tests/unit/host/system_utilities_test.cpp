@@ -41,9 +41,6 @@ TEST(SystemUtilities, SearchGoesPastAFileThatIsNotExecutableAndLeavesThePathWide
     setenv("PATH", path.c_str(), 1);
     EXPECT_TRUE(find_system_utility("vtool"));
     EXPECT_EQ(std::string(getenv("PATH")), path + ":/bin:/usr/bin:/sbin:/usr/sbin");
-    unsetenv("PATH");
-    EXPECT_TRUE(find_system_utility("sh"));
-    EXPECT_EQ(std::string(getenv("PATH")), "/bin:/usr/bin:/sbin:/usr/sbin");
     EXPECT_FALSE(check_system_utilities(nullptr, 17));
     setenv("PATH", saved.c_str(), 1);
 }

@@ -8,8 +8,6 @@ TEST(ServiceRemoval, UnitFileAndSliceOfAName) {
     struct Case {
         std::string name, unit_file, slice;
     } cases[] = {
-        {"vantoriaquorl-init@vantoria,vnt_peer_mem_drv", "/lib/systemd/system/vantoriaquorl-init@.service",
-         "system/vantoriaquorl-init.slice"},
         {"a@b@c", "/lib/systemd/system/a@.service", "system/a.slice"},  // up to the first "@"
         {"hung_detector", "/lib/systemd/system/hung_detector.service", "system/hung_detector.slice"},
     };

@@ -86,32 +86,28 @@ Json install(lab::Host& host, const Lines& args) {
 
 TEST(Preview, TellsWhatTheInstallationRightAfterItDoes) {
     LAB_REQUIRE();
-    const Lines enable = {"systemctl enable vantoriaquorl-init@vantoria", "systemctl restart vantoriaquorl-init@vantoria"};
     struct Case {
         std::string name;
         std::function<void(lab::Host&)> host;
         Lines args;
         int status;
-        Lines unloaded, loaded, systemctl;
+        Lines unloaded;
     };
     const Case cases[] = {
-        {"plain build", [](lab::Host& h) { ready(h); }, {"--disable-dkms"}, 0, {}, {"vantoria"}, enable},
-        {"DKMS", [](lab::Host& h) { ready(h); }, {}, 0, {}, {"vantoria"}, enable},
-        {"package unpacked in /tmp", [](lab::Host& h) { ready(h, {}, "/tmp/quorl-driver"); }, {"--disable-dkms"}, 0, {},
-         {"vantoria"}, enable},
+        {"plain build", [](lab::Host& h) { ready(h); }, {"--disable-dkms"}, 0, {}},
+        {"DKMS", [](lab::Host& h) { ready(h); }, {}, 0, {}},
+        {"package unpacked in /tmp", [](lab::Host& h) { ready(h, {}, "/tmp/quorl-driver"); }, {"--disable-dkms"}, 0, {}},
         {"reinstall over the loaded driver",
          [](lab::Host& h) {
              ready(h);
              ASSERT_EQ(h.install({"--disable-dkms"}).status, 0);
              h.settle();
          },
-         {"--disable-dkms"}, 0, {"vantoria"}, {"vantoria"},
-         {"systemctl disable vantoriaquorl-init@vantoria", "systemctl stop vantoriaquorl-init@vantoria",
-          "systemctl reset-failed", "systemctl daemon-reload", "systemctl status vantoriaquorl-init@vantoria",
-          "systemctl stop 'system-vantoriaquorl\\x2dinit.slice'", enable[0], enable[1]}},
-        {"firmware too old", [](lab::Host& h) { ready(h, lab::Card{.firmware = 0x01000008}); }, {"--disable-dkms"}, 54,
-         {}, {"vantoria"}, {}},
+         {"--disable-dkms"}, 0, {"vantoria"}},
+        {"firmware too old", [](lab::Host& h) { ready(h, lab::Card{.firmware = 0x01000008}); }, {"--disable-dkms"}, 54, {}},
     };
+    // The calls themselves are the scenarios' to pin; here they only must not
+    // be missing where the comparison would then prove nothing.
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         lab::Host host;
@@ -119,8 +115,8 @@ TEST(Preview, TellsWhatTheInstallationRightAfterItDoes) {
         const Json previewed = preview(host, c.args);
         EXPECT_EQ(previewed["status"], c.status);
         EXPECT_EQ(previewed["modules_unloaded"], Json(c.unloaded));
-        EXPECT_EQ(previewed["modules_loaded"], Json(c.loaded));
-        EXPECT_EQ(previewed["systemctl"], Json(c.systemctl));
+        EXPECT_EQ(previewed["modules_loaded"], Json::array({"vantoria"}));
+        EXPECT_EQ(previewed["systemctl"].empty(), c.status != 0);
         EXPECT_EQ(previewed, install(host, c.args));
     }
 }

@@ -8,8 +8,6 @@ namespace {
 
 using namespace scenario;
 
-using Calls = std::vector<std::string>;
-
 const std::string package_unit = package_dir + "/conf/vantoriaquorl-init@.service";
 const std::string scripts = "/usr/local/quorl-3.2.1//bin";
 const std::string filled = "ExecStart=/usr/local/quorl-3.2.1/bin/vantoriaquorl.sh start %i\n";
@@ -93,8 +91,7 @@ const Row rows[] = {
     {"without dracut the initramfs is left alone", [](lab::Host& h) { h.tool_missing("dracut"); }, {}, 0, {}, {},
      {"dracut"}},
     {"a dracut directory that was there is not recorded", [](lab::Host& h) { h.directory("/etc/dracut.conf.d"); }, {},
-     0, {}, {}, {"DIR /etc/dracut.conf.d"},
-     [](lab::Host& host, const lab::RunResult&) { EXPECT_EQ(host.read(dracut_file), dracut_line); }},
+     0, {}, {}, {"DIR /etc/dracut.conf.d"}},
     {"an older dracut file gets a second line", [](lab::Host& h) { h.file(dracut_file, dracut_line); }, {}, 0, {}, {},
      {},
      [](lab::Host& host, const lab::RunResult&) { EXPECT_EQ(host.read(dracut_file), dracut_line + dracut_line); }},

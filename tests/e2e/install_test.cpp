@@ -10,8 +10,6 @@ namespace {
 
 using namespace scenario;
 
-using Calls = std::vector<std::string>;
-
 const std::vector<std::string> plain = {"--disable-dkms"};
 const std::string installed_module = module_dir + "vantoria.ko";
 const std::string dkms_module = "/var/lib/dkms/quorl/3.2.1/" + release + "/x86_64/module/vantoria.ko";

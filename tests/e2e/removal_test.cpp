@@ -12,8 +12,6 @@ namespace {
 
 using namespace scenario;
 
-using Calls = std::vector<std::string>;
-
 const std::string loaded = "vantoria 4096 0 - Live 0xffffffffc0a00000\n";
 const std::string first_record = "/tmp/first.record";
 const std::string not_loaded =

@@ -16,6 +16,7 @@
 
 namespace scenario {
 
+using Calls = std::vector<std::string>;  // of a stub, or names
 inline const std::string release = lab::default_release;
 inline const std::string package_dir = lab::default_package_dir;
 inline const std::string manifest = package_dir + "/.manifest";

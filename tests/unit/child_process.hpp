@@ -48,21 +48,16 @@ inline void in_child(const std::function<std::string()>& arrange, const std::fun
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the part of the test run in a child failed";
 }
 
-// A mount namespace of the child's own, in which nothing it mounts is seen outside.
-inline std::string own_mount_namespace() {
+// A mount namespace of the child's own, in which nothing it mounts is seen
+// outside, with an empty tmpfs on /tmp and `keep` (a directory below it, such
+// as the test's scratch) still in its place.
+inline std::string own_tmp(const std::string& keep = "") {
     if (geteuid() != 0) return "needs root, for a mount namespace of its own";
     if (unshare(CLONE_NEWNS) != 0) return std::string("cannot make a mount namespace: ") + strerror(errno);
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return std::string("cannot make the mounts private: ") + strerror(errno);
-    return "";
-}
-
-// An empty tmpfs over `directory` of the machine (say /tmp or /etc), with
-// `keep` (a directory below it, such as the test's scratch) still in its place.
-inline std::string own_directory(const std::string& directory, const std::string& keep = "") {
     const int kept = keep.empty() ? -1 : open(keep.c_str(), O_PATH | O_DIRECTORY);
-    if (mount("tmpfs", directory.c_str(), "tmpfs", 0, "mode=1777") != 0)
-        return "cannot mount a tmpfs on " + directory + ": " + strerror(errno);
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return std::string("cannot mount a tmpfs on /tmp: ") + strerror(errno);
     if (kept >= 0) {
         std::error_code error;
         std::filesystem::create_directories(keep, error);
@@ -72,12 +67,6 @@ inline std::string own_directory(const std::string& directory, const std::string
         close(kept);
     }
     return "";
-}
-
-// A mount namespace of the child's own with an empty /tmp, `keep` still in it.
-inline std::string own_tmp(const std::string& keep = "") {
-    const std::string why = own_mount_namespace();
-    return why.empty() ? own_directory("/tmp", keep) : why;
 }
 
 // `directory` as the child's root.

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <stdexcept>
 
-
 namespace {
 
 // Characters are counted, not parsed.

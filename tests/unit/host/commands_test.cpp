@@ -32,6 +32,7 @@ TEST(RunCommand, OutputAndStatus) {
     }
 }
 
+// A mkstemp or fchmod that fails cannot be brought about here.
 TEST(MakeTempFile, CreatesFromTheTemplateWithTheMode) {
     // The template names the machine's /tmp: the child gets one of its own.
     in_child([] { return own_tmp(); }, [] {

@@ -53,7 +53,6 @@ TEST(Files, ReadingKeepsItsQuirks) {
     EXPECT_EQ(text, "untouched");
     const std::string modules = dir.write("modules", "ib_core 1 0 - Live 0x0\nrdma 2 1 vantoria, Live 0x0\n");
     EXPECT_TRUE(file_contains(modules, "vantoria"));  // any line, even as another's user
-
 }
 
 TEST(Files, FindInPathSkipsEmptyElementsAndNeedsNoExecuteBit) {
@@ -77,5 +76,7 @@ TEST(Files, KeyPathsFromTheCallersDirectory) {
     EXPECT_EQ(resolve_from_caller_dir("/abs/k.key"), "/abs/k.key");
     unsetenv("__QX_PWD");
 }
+
+// An unreadable /proc/self/exe and glob's read and memory errors cannot be brought about here.
 
 }  // namespace

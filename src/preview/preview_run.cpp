@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -167,7 +168,15 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
     std::ofstream(box->state + "/proc/modules") << modules;
     std::ofstream(box->state + "/proc/cmdline") << read_text("/proc/cmdline");
     sync_sys_modules(modules, box->state + "/sys/module");
-    for (const auto& place : systemctl_places()) box->binds.push_back({self, place});
+    // A systemctl in the private trees or /tmp is not in the view, where the
+    // installer's search goes on to the next one (the package directory alone
+    // stays visible in /tmp).
+    for (const auto& place : systemctl_places()) {
+        const bool hidden = std::any_of(std::begin(private_trees), std::end(private_trees),
+                                        [&](const char* tree) { return within(place, tree); }) ||
+                            (within(place, "/tmp") && !within(place, cwd));
+        if (!hidden) box->binds.push_back({self, place});
+    }
     // The kept directory is no part of what the installer sees.
     if (!request.keep.empty() && !within(request.keep, "/tmp")) box->binds.push_back({base + "/empty", request.keep});
     if (within(cwd, "/tmp")) box->kept_visible.push_back(cwd);

@@ -129,6 +129,7 @@ TEST(Preview, TheInstallerSeesThisMachineAndNoWayOut) {
     host.proc_modules("nvme 57344 0 - Live 0xffffffffc0a00000\n")
         .file("/tmp/machine-file", "x\n")
         .file("/run/machine-socket", "")
+        .file("/tmp/bin/systemctl", "#!/bin/sh\necho this machine\'s own\n", 0755)  // first in PATH, and not in the view
         .file("/srv/probe/quorl-driver-installer", R"sh(#!/bin/bash
 try() { if (eval "$2") >/dev/null 2>&1; then echo "$1: yes"; else echo "$1: no"; fi; }
 try "write /sys" "touch /sys/probe"
@@ -143,7 +144,9 @@ echo "hostname: $(hostname)"
 systemctl status nothing-here; echo "status of an unknown unit: $?"
 exit 7
 )sh", 0755);
-    const lab::RunResult r = host.run({"./quorl-driver-preview", "--json"}, preview_options("/srv/probe"));
+    lab::RunOptions options = preview_options("/srv/probe");
+    options.env = {"PATH=/tmp/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"};
+    const lab::RunResult r = host.run({"./quorl-driver-preview", "--json"}, options);
     EXPECT_EQ(r.status, 7);
     EXPECT_EQ(r.err, "write /sys: no\nwrite /proc/sys: no\nwrite /etc: yes\ntmp: \nrun: lock quorl-preview realproc \n"
                      "network: lo \nmodules: nvme \nhostname: lab\nUnit nothing-here.service could not be found.\n"

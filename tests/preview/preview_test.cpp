@@ -25,6 +25,7 @@ lab::RunOptions preview_options(const std::string& cwd) {
     lab::RunOptions options;
     options.cwd = cwd;
     options.lab_kernel = false;
+    options.env = {"PATH=/tmp/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"};
     return options;
 }
 
@@ -106,8 +107,7 @@ TEST(Preview, TellsWhatTheInstallationRightAfterItDoes) {
          {"--disable-dkms"}, 0, {"vantoria"}},
         {"firmware too old", [](lab::Host& h) { ready(h, lab::Card{.firmware = 0x01000008}); }, {"--disable-dkms"}, 54, {}},
     };
-    // The calls themselves are the scenarios' to pin; here they only must not
-    // be missing where the comparison would then prove nothing.
+    // The sequences are the scenarios' to pin; here they must not be missing.
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         lab::Host host;
@@ -144,9 +144,7 @@ echo "hostname: $(hostname)"
 systemctl status nothing-here; echo "status of an unknown unit: $?"
 exit 7
 )sh", 0755);
-    lab::RunOptions options = preview_options("/srv/probe");
-    options.env = {"PATH=/tmp/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"};
-    const lab::RunResult r = host.run({"./quorl-driver-preview", "--json"}, options);
+    const lab::RunResult r = host.run({"./quorl-driver-preview", "--json"}, preview_options("/srv/probe"));
     EXPECT_EQ(r.status, 7);
     EXPECT_EQ(r.err, "write /sys: no\nwrite /proc/sys: no\nwrite /etc: yes\ntmp: \nrun: lock quorl-preview realproc \n"
                      "network: lo \nmodules: nvme \nhostname: lab\nUnit nothing-here.service could not be found.\n"

@@ -79,37 +79,51 @@ fuzz_target() {
   done
 }
 
-rows=()
-total_findings=0
-for target in "${targets[@]}"; do
-  program="$build/fuzz/fuzz_$target"
-  [ -x "$program" ] || { echo "no fuzz target $target" >&2; exit 2; }
-  corpus="$build/corpus/$target"
-  findings="$build/findings/$target"
-  log="$build/logs/$target.log"
+# Runs one target: replays its corpus, fuzzes, and leaves its row of the table
+# and its count of findings in $build/rows/TARGET.
+run_target() {
+  local target=$1 program="$build/fuzz/fuzz_$1" corpus="$build/corpus/$1"
+  local findings="$build/findings/$1" log="$build/logs/$1.log" status=0
   rm -rf "$findings" "$findings.unconfirmed"
   mkdir -p "$corpus" "$findings" "$(dirname "$log")"
   : >"$log"
   # One second per input at most; a leak is a finding as well as a crash.
-  status=0
   replay_corpus "$program" "$findings" "$log" "$target" || status=$?
   if [ "$status" -eq 0 ]; then
     fuzz_target "$program" "$corpus" "$findings" "$log" "$target" || status=$?
   fi
+  local executions units found
   executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | awk '{ n += $1 } END { print n + 0 }')
   units=$(find "$corpus" "fuzz/corpus/$target" -type f -print0 | xargs -0 -r md5sum | cut -d' ' -f1 | sort -u | wc -l)
   found=$(find "$findings" -type f | wc -l)
   # A target that ended badly without leaving an input (say, killed) counts too.
   if [ "$status" -ne 0 ] && [ "$found" -eq 0 ]; then found=1; fi
-  total_findings=$((total_findings + found))
-  rows+=("$(printf '| %-17s | %12s | %11s | %8s |' "$target" "$executions" "$units" "$found")")
   if [ "$found" -ne 0 ]; then
     echo "fuzz_$target: finding, see $log and $findings/" >&2
   fi
-done
+  printf '%s | %12s | %11s | %8s |\n' "$found" "$executions" "$units" "$found" >"$build/rows/$target"
+}
 
+for target in "${targets[@]}"; do
+  [ -x "$build/fuzz/fuzz_$target" ] || { echo "no fuzz target $target" >&2; exit 2; }
+done
+# As many targets at once as the machine has processors, each on one.
+rm -rf "$build/rows"
+mkdir -p "$build/rows"
+for target in "${targets[@]}"; do
+  while [ "$(jobs -rp | wc -l)" -ge "$(nproc)" ]; do wait -n || true; done
+  run_target "$target" &
+done
+wait
+
+total_findings=0
 printf '| %-17s | %12s | %11s | %8s |\n' target executions "corpus size" findings
 printf '|%s|%s|%s|%s|\n' "-------------------" "--------------" "-------------" "----------"
-printf '%s\n' "${rows[@]}"
+for target in "${targets[@]}"; do
+  # A target whose run ended before it could write its row is a finding.
+  row=$(cat "$build/rows/$target" 2>/dev/null) || row=$(printf '1 | %12s | %11s | %8s |' '?' '?' 1)
+  total_findings=$((total_findings + ${row%% *}))
+  printf '| %-17s |%s\n' "$target" "${row#* |}"
+done
 echo "${#targets[@]} targets, ${seconds} s each: $total_findings findings"
 [ "$total_findings" -eq 0 ]

@@ -101,7 +101,7 @@ TEST_F(SignedInstallBoot, TheKernelRefusesTheGeneratedKeyAndTheRunEndsIn50)
 
 class DkmsInstallBoot : public BootSuite<DkmsInstallBoot> {
 protected:
-    static void SetUpTestSuite() { start(std::move(GuestBoot("dkms").scenario("install_dkms.sh").timeout(600s))); }
+    static void SetUpTestSuite() { start(std::move(GuestBoot("dkms").scenario("install_dkms.sh").timeout(1020s))); }
 };
 
 TEST_F(DkmsInstallBoot, TheRealDkmsBuildsInstallsAndTheModuleLoads)

@@ -17,11 +17,6 @@ const std::set<std::string> kernel_file_systems = {
 // The view's own mount points: what lies in or below them is never shown.
 const char* const private_trees[] = {"/proc", "/sys", "/dev", "/run", "/tmp"};
 
-bool within(const std::string& path, const std::string& tree) {
-    if (tree == "/") return true;
-    return path == tree || (path.size() > tree.size() && path.compare(0, tree.size(), tree) == 0 && path[tree.size()] == '/');
-}
-
 // Mount points are written with octal escapes for blanks, tabs, line feeds and backslashes.
 std::string unescape(const std::string& text) {
     std::string out;
@@ -46,6 +41,11 @@ bool has_option(const std::string& options, const std::string& name) {
 }
 
 }  // namespace
+
+bool within(const std::string& path, const std::string& tree) {
+    if (tree == "/") return true;
+    return path == tree || (path.size() > tree.size() && path.compare(0, tree.size(), tree) == 0 && path[tree.size()] == '/');
+}
 
 std::vector<MachineMount> content_mounts(const std::string& mountinfo) {
     std::vector<MachineMount> mounts;

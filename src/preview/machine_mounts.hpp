@@ -22,4 +22,7 @@ std::vector<MachineMount> content_mounts(const std::string& mountinfo);
 // This process's mount table.
 std::vector<MachineMount> content_mounts();
 
+// Whether `path` is `tree` or lies below it.
+bool within(const std::string& path, const std::string& tree);
+
 }  // namespace preview

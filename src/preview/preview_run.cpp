@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -37,21 +36,21 @@ constexpr long overlayfs_magic = 0x794c7630;
 // namespace, so that it vanishes with the preview.
 constexpr const char* scratch = "/run";
 
-bool within(const std::string& path, const std::string& tree) {
-    return path == tree || path.rfind(tree + "/", 0) == 0;
-}
-
 std::string failure(const std::string& what) { return what + ": " + std::strerror(errno); }
 
-// The trees that the view does not show from this machine.
-const char* const private_trees[] = {"/run", "/proc", "/sys", "/dev"};
+// The tree that `path` lies in of those that the view does not show from
+// this machine, or none.
+const char* private_tree_of(const std::string& path) {
+    for (const char* tree : {"/run", "/proc", "/sys", "/dev"}) {
+        if (within(path, tree)) return tree;
+    }
+    return nullptr;
+}
 
 bool prepare_keep(const std::string& dir, std::string* error) {
-    for (const char* tree : private_trees) {
-        if (within(dir, tree)) {
-            *error = "--keep " + dir + " lies in " + tree + ", which the preview does not show";
-            return false;
-        }
+    if (const char* tree = private_tree_of(dir)) {
+        *error = "--keep " + dir + " lies in " + tree + ", which the preview does not show";
+        return false;
     }
     // Judged where the directory is, or will be, before anything is made.
     std::string existing = dir;
@@ -135,11 +134,9 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
         *error = failure("the working directory");
         return false;
     }
-    for (const char* tree : private_trees) {
-        if (within(cwd, tree)) {
-            *error = std::string("the package directory lies in ") + tree + ", which the preview does not show";
-            return false;
-        }
+    if (const char* tree = private_tree_of(cwd)) {
+        *error = std::string("the package directory lies in ") + tree + ", which the preview does not show";
+        return false;
     }
     if (!request.keep.empty() && !prepare_keep(request.keep, error)) return false;
     char self[PATH_MAX];
@@ -172,9 +169,7 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
     // installer's search goes on to the next one (the package directory alone
     // stays visible in /tmp).
     for (const auto& place : systemctl_places()) {
-        const bool hidden = std::any_of(std::begin(private_trees), std::end(private_trees),
-                                        [&](const char* tree) { return within(place, tree); }) ||
-                            (within(place, "/tmp") && !within(place, cwd));
+        const bool hidden = private_tree_of(place) || (within(place, "/tmp") && !within(place, cwd));
         if (!hidden) box->binds.push_back({self, place});
     }
     // The kept directory is no part of what the installer sees.

@@ -181,6 +181,8 @@ TEST(Preview, PassesOnTheInstallersAnswerOrSaysInOneLineWhyItCannotRun) {
         {{preview, "--keep"}, package, 0, false, 125, "", cannot + "--keep: 1 required DIR missing\n"},
         {{preview, "--keep", "/srv/kept"}, package, 0, false, 125, "",
          cannot + "--keep /srv/kept lies on overlayfs, which cannot hold the upper layer of another\n"},
+        {{preview, "--keep", "/run/kept"}, package, 0, false, 125, "",
+         cannot + "--keep /run/kept lies in /run, which the preview does not show\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.argv.back());

@@ -7,6 +7,7 @@ packages=(
   kmod dkms openssl libcap2-bin binutils util-linux procps file
   qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static xz-utils
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
+  libssl-dev makeself
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -25,6 +25,9 @@
 #include "preview/sandbox.hpp"
 #include "preview/view.hpp"
 
+#ifndef LAB_PACKAGE_DIR
+#error "LAB_PACKAGE_DIR must name the assembled driver package"
+#endif
 #ifndef LAB_PREVIEW
 #error "LAB_PREVIEW must name the quorl-driver-preview binary"
 #endif
@@ -694,9 +697,11 @@ Host& Host::kernel_message(std::string line)
 
 Host& Host::package(std::string dir)
 {
-    std::string from = source_dir + "/package";
+    // The package as the build assembled it: the sample payload with our
+    // programs in it, the installer and the preview at its root.
+    std::string from = LAB_PACKAGE_DIR;
     if (!fs::exists(from + "/.manifest")) {
-        fail("no sample package at " + from);
+        fail("no assembled package at " + from + "; build the driver_package target");
         return *this;
     }
     impl_->package_dir = dir;
@@ -705,14 +710,7 @@ Host& Host::package(std::string dir)
     fs::remove_all(host, ec);
     std::string error;
     if (!preview::copy_tree(from, host, &error))
-        fail("copy the sample package: " + error);
-    for (const auto& [from, name] : {std::pair{LAB_INSTALLER, "quorl-driver-installer"},
-                                     std::pair{LAB_PREVIEW, "quorl-driver-preview"}}) {
-        fs::copy_file(from, host + "/" + name, fs::copy_options::overwrite_existing, ec);
-        if (ec)
-            fail(std::string("copy ") + name + ": " + ec.message());
-        chmod((host + "/" + name).c_str(), 0755);
-    }
+        fail("copy the package: " + error);
     return *this;
 }
 

@@ -33,3 +33,6 @@ inline const std::vector<ServiceFile> packaged_service_files = {
     {"./bin/pci_timeout.sh", "bin"},
     {"./bin/vantoriaquorl.sh", "bin"},
 };
+
+// The uninstaller's log, beside the installer's.
+inline const char* const uninstaller_log_path = "/var/log/vantoriaquorl/driver_uninstaller.log";

@@ -9,6 +9,7 @@
 #include "host/commands.hpp"
 #include "host/environment_probes.hpp"
 #include "host/files.hpp"
+#include "record/run_state.hpp"
 
 namespace {
 
@@ -79,6 +80,7 @@ int remove_dkms_modules(const std::string& /*version*/) {
                    output.c_str());
             return removal::dkms_removal_failed;
         }
+        uninstall_state.dkms.push_back(version);
 
         // The sources are looked for at the fixed path, whatever source_tree says.
         const std::string source_dir = "/usr/src/quorl-" + version;
@@ -88,6 +90,7 @@ int remove_dkms_modules(const std::string& /*version*/) {
                 log_message(3, "remove dkms src /usr/src/%s may failed. please remove it manually.\n", version.c_str());
                 return removal::dkms_removal_failed;
             }
+            uninstall_state.removed.push_back(source_dir);
         }
     }
     return 0;

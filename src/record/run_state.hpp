@@ -20,6 +20,12 @@ struct UninstallState {
     bool presence_checked = false;
     bool toolkit_present = false;
     bool driver_present = false;
+    // What the walks did, for the programs that report it to an administrator
+    // (the uninstaller); the installer only logs it.
+    std::vector<std::string> removed;   // files, links and directories that went
+    std::vector<std::string> kept;      // files kept because they changed since they were installed
+    std::vector<std::string> services;  // service instances removed
+    std::vector<std::string> dkms;      // versions taken out of DKMS
 };
 extern UninstallState uninstall_state;
 

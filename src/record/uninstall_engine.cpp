@@ -49,6 +49,7 @@ int unlink_entry(const std::string& path, int failure) {
         return failure;
     }
     log_message(2, "Uninstall: %s Succeed.\n", path.c_str());
+    uninstall_state.removed.push_back(path);
     return removal::done;
 }
 
@@ -87,6 +88,7 @@ int remove_file_entry(ManifestEntry entry) {
     // A file that somebody changed since it was installed is theirs now.
     if (digest != entry.md5) {
         uninstall_state.changed_file_seen = true;
+        uninstall_state.kept.push_back(path);
         log_message(3, "Uninstall: md5sum of %s has changed. Skipping. expected,actual:(%s %s).\n", path.c_str(),
                     entry.md5.c_str(), digest.c_str());
         return removal::done;
@@ -96,6 +98,7 @@ int remove_file_entry(ManifestEntry entry) {
         return removal::file_not_removed;
     }
     log_message(2, "Uninstall: %s Succeed.\n", path.c_str());
+    uninstall_state.removed.push_back(path);
     return removal::done;
 }
 
@@ -127,6 +130,7 @@ int remove_dir_entry(ManifestEntry entry) {
     try {
         if (std::filesystem::remove(path)) {
             log_message(2, "Uninstall: %s Succeed.\n", path.c_str());
+            uninstall_state.removed.push_back(path);
         } else {
             log_message(2, "Uninstall: %s Failed.\n", path.c_str());
         }

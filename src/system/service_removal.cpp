@@ -37,9 +37,11 @@ int uninstall_service_entry(ManifestEntry entry) {
         // but the file stays and systemd is left as it is.
         if (md5_cache[unit_file] != entry.md5 && file_md5(unit_file) != entry.md5) {
             log_message(1, "%s's md5 mismatch, skip remove. please check it's content.\n", unit_file.c_str());
+            uninstall_state.kept.push_back(unit_file);
             return removal::done;
         }
-        remove(unit_file.c_str());
+        // The message does not depend on the deletion; the report says only what went.
+        if (remove(unit_file.c_str()) == 0) uninstall_state.removed.push_back(unit_file);
         log_message(2, "Uninstall: %s Succeed.\n", unit_file.c_str());
     }
     run_command("systemctl reset-failed;systemctl daemon-reload", output, status);
@@ -53,6 +55,7 @@ int uninstall_service_entry(ManifestEntry entry) {
         return removal::service_not_removed;
     }
     log_message(2, "Uninstall: service:%s success.\n", name.c_str());
+    uninstall_state.services.push_back(name);
 
     if (name.find('@') == std::string::npos) {
         log_message(0, "not template. f.path:%s\n", name.c_str());

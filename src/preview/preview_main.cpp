@@ -12,9 +12,11 @@
 #include <filesystem>
 #include <iostream>
 
+#include "app/constants.hpp"
 #include "preview/preview_run.hpp"
 #include "preview/sandbox.hpp"
 #include "preview/systemctl_stand_in.hpp"
+#include "record/install_record.hpp"
 
 namespace {
 
@@ -35,10 +37,13 @@ int main(int argc, char** argv) {
     preview::PreviewRequest request;
     app.add_flag("--json", request.json,
                  "Print the report as one JSON object on standard output; the installer's console goes to standard error");
+    app.add_flag("--uninstall", request.uninstall,
+                 "Preview the installed uninstaller (the one the install record names) instead of an installation");
     app.add_option("--keep", request.keep, "Keep the upper layer and the installer's log in this directory")
         ->type_name("DIR");
-    app.footer("Every other argument, and all that follows --, is handed to ./quorl-driver-installer unchanged.\n"
-               "The exit status is the one the installation would have had; 125 when the preview cannot run.");
+    app.footer("Every other argument, and all that follows --, is handed to ./quorl-driver-installer (or, with\n"
+               "--uninstall, to the uninstaller) unchanged.\n"
+               "The exit status is the one the run would have had; 125 when the preview cannot run.");
     app.allow_extras();
     try {
         app.parse(argc, argv);
@@ -55,8 +60,21 @@ int main(int argc, char** argv) {
     while (request.keep.size() > 1 && request.keep.back() == '/') request.keep.pop_back();
 
     if (geteuid() != 0) return cannot_preview("it must run as root, as the installer does");
-    if (access("./quorl-driver-installer", X_OK) != 0)
+    if (request.uninstall) {
+        // The uninstaller that the installation left, where its record says the driver lives.
+        std::string driver_prefix;
+        for (const auto& entry : read_install_record(install_record_path)) {
+            if (entry.type == "QUORL") driver_prefix = entry.path;
+        }
+        if (driver_prefix.empty())
+            return cannot_preview(std::string("no install record at ") + install_record_path +
+                                  ": no driver is installed to remove");
+        request.program = preview::uninstaller_program(driver_prefix);
+        if (access(request.program.path.c_str(), X_OK) != 0)
+            return cannot_preview("no " + request.program.path + ", which the install record names");
+    } else if (access("./quorl-driver-installer", X_OK) != 0) {
         return cannot_preview("no ./quorl-driver-installer here; run the preview from the unpacked driver package");
+    }
     if (std::string obstacle = preview::sandbox_obstacle(); !obstacle.empty()) return cannot_preview(obstacle);
 
     std::string error;

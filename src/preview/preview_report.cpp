@@ -28,11 +28,11 @@ void add_differences(Report& report, const std::vector<Difference>& differences)
 
 std::string report_text(const Report& r) {
     std::ostringstream out;
-    out << "\n== Preview of the installation on this machine\n";
+    out << "\n== Preview of the " << r.noun << " on this machine\n";
     if (r.status == 0) {
-        out << "Status 0: the installation would succeed.\n";
+        out << "Status 0: the " << r.noun << " would succeed.\n";
     } else {
-        out << "Status " << r.status << ": the installation would fail. The installer said:\n";
+        out << "Status " << r.status << ": the " << r.noun << " would fail. The " << r.role << " said:\n";
         std::istringstream lines(r.console);
         for (std::string line; std::getline(lines, line);) {
             if (!line.empty()) out << "    " << line << "\n";
@@ -44,13 +44,20 @@ std::string report_text(const Report& r) {
     section(out, "Kernel modules it would unload, in order", r.modules_unloaded);
     section(out, "Kernel modules it would load, in order", r.modules_loaded);
     section(out, "systemctl calls, in order", r.systemctl);
-    out << "Not decided by the preview:\n"
-           "    - the kernel was not asked to accept the modules: signature enforcement and Secure Boot\n"
-           "      were judged by the installer's own logic only\n"
-           "    - services were not started\n";
+    if (r.role == "installer") {
+        out << "Not decided by the preview:\n"
+               "    - the kernel was not asked to accept the modules: signature enforcement and Secure Boot\n"
+               "      were judged by the installer's own logic only\n"
+               "    - services were not started\n";
+    } else {
+        out << "Not decided by the preview:\n"
+               "    - the kernel was not asked to unload the modules: a module the list showed idle\n"
+               "      may have gained a user since\n"
+               "    - services were not stopped\n";
+    }
     if (!r.kept.empty())
-        out << "Kept in " << r.kept << ": the upper layer (" << r.kept << "/upper) and the installer's log ("
-            << r.kept << "/driver_installer.log)\n";
+        out << "Kept in " << r.kept << ": the upper layer (" << r.kept << "/upper) and the " << r.role << "'s log ("
+            << r.kept << "/" << r.log_name << ")\n";
     return out.str();
 }
 

@@ -17,6 +17,9 @@ struct Report {
     std::vector<std::string> systemctl;
     std::string log;   // the installer's log file
     std::string kept;  // the directory that keeps the upper layer and the log, if any
+    std::string noun = "installation";  // what was previewed
+    std::string role = "installer";     // the program that ran
+    std::string log_name = "driver_installer.log";
 };
 
 // Sorts the differences of a run into the three lists of the report.

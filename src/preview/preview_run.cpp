@@ -29,8 +29,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* installer = "./quorl-driver-installer";
-constexpr const char* installer_log = "/var/log/vantoriaquorl/driver_installer.log";
 constexpr long overlayfs_magic = 0x794c7630;
 // The scratch of a preview: a tmpfs over /run in the preview's own mount
 // namespace, so that it vanishes with the preview.
@@ -129,8 +127,8 @@ std::string pump(int out, int err, int out_to, int err_to) {
 // Sets up this process's own mount namespace with the scratch, and the
 // sandbox that runs the installer.
 bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
-    char cwd[PATH_MAX];
-    if (!getcwd(cwd, sizeof cwd)) {
+    char cwd[PATH_MAX] = "/";
+    if (!request.uninstall && !getcwd(cwd, sizeof cwd)) {
         *error = failure("the working directory");
         return false;
     }
@@ -175,7 +173,7 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
     // The kept directory is no part of what the installer sees.
     if (!request.keep.empty() && !within(request.keep, "/tmp")) box->binds.push_back({base + "/empty", request.keep});
     if (within(cwd, "/tmp")) box->kept_visible.push_back(cwd);
-    box->argv = {installer};
+    box->argv = {request.program.path};
     box->argv.insert(box->argv.end(), request.installer_args.begin(), request.installer_args.end());
     for (char** e = environ; *e; ++e) box->env.push_back(*e);
     box->cwd = cwd;
@@ -183,6 +181,15 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
 }
 
 }  // namespace
+
+PreviewedProgram installer_program() {
+    return {"./quorl-driver-installer", "/var/log/vantoriaquorl/driver_installer.log", "installation", "installer"};
+}
+
+PreviewedProgram uninstaller_program(const std::string& driver_prefix) {
+    return {driver_prefix + "bin/quorl-driver-uninstaller", "/var/log/vantoriaquorl/driver_uninstaller.log",
+            "uninstallation", "uninstaller"};
+}
 
 std::optional<Report> run_preview(const PreviewRequest& request, std::string* error) {
     Sandbox box;
@@ -239,10 +246,13 @@ std::optional<Report> run_preview(const PreviewRequest& request, std::string* er
     report.modules_unloaded = journal.unloaded;
     report.modules_loaded = journal.loaded;
     report.systemctl = lines_of(read_text(box.state + "/run/calls/systemctl"));
-    auto log = resolve(view_of(box, true), installer_log, true);
+    auto log = resolve(view_of(box, true), request.program.log, true);
     if (log && S_ISREG(log->st.st_mode)) report.log = read_text(log->host);
+    report.noun = request.program.noun;
+    report.role = request.program.role;
+    report.log_name = fs::path(request.program.log).filename();
     if (!request.keep.empty()) {
-        std::ofstream(request.keep + "/driver_installer.log") << report.log;
+        std::ofstream(request.keep + "/" + report.log_name) << report.log;
         report.kept = request.keep;
     }
     return report;

@@ -68,14 +68,13 @@ exit $status)sh";
     return report;
 }
 
-// The real installation, and what it did, as the preview reports it.
-Json install(lab::Host& host, const Lines& args) {
+// The real run of `argv` (the installer, or the uninstaller), and what it
+// did, as the preview reports it.
+Json run_for_real(lab::Host& host, const Lines& argv) {
     const auto events = host.module_events();
     const size_t calls = host.calls("systemctl").size();
     lab::RunOptions options;
     options.cwd = host.package_dir();
-    Lines argv = {"./quorl-driver-installer"};
-    argv.insert(argv.end(), args.begin(), args.end());
     Json done = {{"status", host.run(argv, options).status}, {"created", Json::array()}, {"changed", Json::array()},
                  {"deleted", Json::array()}};
     for (const auto& c : host.changes()) done[c.kind == 'C' ? "created" : c.kind == 'M' ? "changed" : "deleted"].push_back(c.path);
@@ -83,6 +82,10 @@ Json install(lab::Host& host, const Lines& args) {
     done["modules_loaded"] = tail_after(host.module_events().loaded, events.loaded.size());
     done["systemctl"] = tail_after(host.calls("systemctl"), calls);
     return done;
+}
+Json install(lab::Host& host, Lines args) {
+    args.insert(args.begin(), "./quorl-driver-installer");
+    return run_for_real(host, args);
 }
 
 TEST(Preview, TellsWhatTheInstallationRightAfterItDoes) {
@@ -118,6 +121,22 @@ TEST(Preview, TellsWhatTheInstallationRightAfterItDoes) {
         EXPECT_EQ(previewed["modules_loaded"], Json::array({"vantoria"}));
         EXPECT_EQ(previewed["systemctl"].empty(), c.status != 0);
         EXPECT_EQ(previewed, install(host, c.args));
+    }
+}
+
+TEST(Preview, TellsWhatTheUninstallationRightAfterItDoes) {
+    LAB_REQUIRE();
+    for (const Lines& args : {Lines{"--disable-dkms"}, Lines{}}) {
+        SCOPED_TRACE(args.empty() ? "DKMS" : "plain build");
+        lab::Host host;
+        ready(host);
+        ASSERT_EQ(host.install(args).status, 0);
+        host.settle();
+        const Json previewed = preview(host, {"--uninstall"});
+        EXPECT_EQ(previewed["status"], 0);
+        EXPECT_EQ(previewed["modules_unloaded"], Json::array({"vantoria"}));
+        EXPECT_GT(previewed["deleted"].size(), 20u);
+        EXPECT_EQ(previewed, run_for_real(host, {"/usr/local/quorl-3.2.1/bin/quorl-driver-uninstaller"}));
     }
 }
 
@@ -179,6 +198,9 @@ TEST(Preview, PassesOnTheInstallersAnswerOrSaysInOneLineWhyItCannotRun) {
         {{preview}, package, 0, true, 125, "",
          cannot + "no seccomp user notification for this process (another supervisor answers it)\n"},
         {{preview, "--keep"}, package, 0, false, 125, "", cannot + "--keep: 1 required DIR missing\n"},
+        {{preview, "--uninstall"}, package, 0, false, 125, "",
+         cannot + "no install record at /var/log/vantoriaquorl/uninstall/.driver_uninstall_manifests: no driver is "
+                  "installed to remove\n"},
         {{preview, "--keep", "/srv/kept"}, package, 0, false, 125, "",
          cannot + "--keep /srv/kept lies on overlayfs, which cannot hold the upper layer of another\n"},
         {{preview, "--keep", "/run/kept"}, package, 0, false, 125, "",

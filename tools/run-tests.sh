@@ -5,6 +5,9 @@
 # UndefinedBehaviorSanitizer, and every fuzz target for 10 s on its corpus.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# A test that cannot run here fails rather than skips: a green run must have
+# run every scenario.
+export CI=true
 # CI allows the whole run 20 minutes; each stage says when it ended.
 stage_done() { echo "== $1: done after $SECONDS s"; }
 bash tools/packages.sh

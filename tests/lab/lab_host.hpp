@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -171,12 +172,25 @@ std::string machine_release();
 // The sample package and the fake kernel tree generator are in the source tree.
 bool sample_package_available(std::string* why);
 
+// Whether a test may skip for what this machine lacks: on a developer's
+// machine, yes; under CI (CI=true), never, so that a suite that cannot run
+// fails loudly instead of passing green.
+inline bool skips_allowed()
+{
+    const char* ci = std::getenv("CI");
+    return !(ci && std::string(ci) == "true");
+}
+
 }  // namespace lab
 
-// Skips the current test, saying why, when this machine cannot host a lab.
-#define LAB_REQUIRE()                                             \
-    do {                                                          \
-        std::string lab_why_;                                     \
-        if (!::lab::lab_available(&lab_why_))                     \
-            GTEST_SKIP() << "needs the simulated host: " << lab_why_; \
+// Skips the current test, saying why, when this machine cannot host a lab;
+// fails it under CI.
+#define LAB_REQUIRE()                                                                     \
+    do {                                                                                  \
+        std::string lab_why_;                                                             \
+        if (!::lab::lab_available(&lab_why_)) {                                           \
+            if (!::lab::skips_allowed())                                                  \
+                FAIL() << "the simulated host cannot start under CI: " << lab_why_;       \
+            GTEST_SKIP() << "needs the simulated host: " << lab_why_;                     \
+        }                                                                                 \
     } while (0)

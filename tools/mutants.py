@@ -15,7 +15,7 @@ The tool copies the tracked files of the work tree (tests as they stand, even
 uncommitted) to build-mutants/tree, builds them in build-mutants/build, then
 for each mutant: writes it, rebuilds the installer and the unit tests, runs
 the unit tests, and only when they all pass the scenarios of the simulated
-host (ctest -L e2e); the lab's own self-tests and the real-kernel tier are
+host (ctest -L e2e); the preview's tests and the real-kernel tier are
 left out. It appends one line per mutant to the table:
 
   ID<TAB>STATE<TAB>TEST<TAB>CHANGE

@@ -454,8 +454,9 @@ void module_skeleton(Host& host, const std::string& release)
         if (!host.exists(m + "/" + f))
             host.file(m + "/" + f, "");
     }
-    if (!host.exists(m + "/kernel"))
-        host.directory(m + "/kernel");
+    // A distribution kernel's tree has drivers/misc, which the plain build copies into.
+    if (!host.exists(m + "/kernel/drivers/misc"))
+        host.directory(m + "/kernel/drivers/misc");
 }
 
 }  // namespace
@@ -587,11 +588,6 @@ Host& Host::cgroup(std::optional<std::string> text)
     return *this;
 }
 
-Host& Host::os_release(std::string text)
-{
-    return file("/etc/os-release", text);
-}
-
 Host& Host::file(std::string path, std::string content, mode_t mode)
 {
     std::string host = impl_->place(path);
@@ -686,12 +682,6 @@ Host& Host::module_result(std::string module, int err)
 Host& Host::unload_result(std::string module, int err)
 {
     impl_->set_module_result(module, "unload", err);
-    return *this;
-}
-
-Host& Host::kernel_message(std::string line)
-{
-    preview::append_kernel_log(impl_->dir, line);
     return *this;
 }
 
@@ -947,18 +937,6 @@ std::string machine_release()
 preview::ModuleJournal Host::module_events() const
 {
     return preview::read_module_journal(impl_->dir);
-}
-
-bool sample_package_available(std::string* why)
-{
-    std::string missing;
-    for (const char* part : {"/package/.manifest", "/package/kernel/dkms.conf", "/kernel/make_kernel_tree.sh"}) {
-        if (!fs::exists(source_dir + part))
-            missing += (missing.empty() ? "" : ", ") + source_dir + part;
-    }
-    if (why)
-        *why = missing.empty() ? "" : "missing " + missing;
-    return missing.empty();
 }
 
 }  // namespace lab

@@ -99,7 +99,6 @@ public:
     // plain host's "0::/user.slice/user-0.slice/session-1.scope", whatever
     // this machine runs in.
     Host& cgroup(std::optional<std::string>);
-    Host& os_release(std::string);
     Host& file(std::string path, std::string content, mode_t mode = 0644);
     Host& directory(std::string path, mode_t mode = 0755);
     Host& symlink(std::string target, std::string path);
@@ -119,8 +118,6 @@ public:
     // module name; 0 restores the default behaviour.
     Host& module_result(std::string module, int err);
     Host& unload_result(std::string module, int err);
-    // A line for the kernel log, before the lines the lab writes itself.
-    Host& kernel_message(std::string line);
     // The sample package, with the installer and the preview in it, at `dir`.
     Host& package(std::string dir = default_package_dir);
     Host& keep(bool = true);  // keep the scratch directory even on success
@@ -169,8 +166,6 @@ private:
 bool lab_available(std::string* why);
 // The release this machine runs: what uname reports in a run without the lab's kernel.
 std::string machine_release();
-// The sample package and the fake kernel tree generator are in the source tree.
-bool sample_package_available(std::string* why);
 
 // Whether a test may skip for what this machine lacks: on a developer's
 // machine, yes; under CI (CI=true), never, so that a suite that cannot run

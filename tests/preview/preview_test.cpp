@@ -179,7 +179,7 @@ TEST(Preview, PassesOnTheInstallersAnswerOrSaysInOneLineWhyItCannotRun) {
     LAB_REQUIRE();
     lab::Host host;
     const std::string package = "/srv/quorl-driver", preview = package + "/quorl-driver-preview";
-    ready(host, {}, package);
+    ready(host, {}, package).file("/tmp/full/x", "").file("/tmp/file", "");
     const std::string cannot = "quorl-driver-preview: cannot preview: ";
     struct Case {
         Lines argv;
@@ -205,6 +205,12 @@ TEST(Preview, PassesOnTheInstallersAnswerOrSaysInOneLineWhyItCannotRun) {
          cannot + "--keep /srv/kept lies on overlayfs, which cannot hold the upper layer of another\n"},
         {{preview, "--keep", "/run/kept"}, package, 0, false, 125, "",
          cannot + "--keep /run/kept lies in /run, which the preview does not show\n"},
+        {{preview, "--keep", "/tmp/full"}, package, 0, false, 125, "", cannot + "--keep /tmp/full is not empty\n"},
+        {{preview, "--keep", "/tmp/file"}, package, 0, false, 125, "", cannot + "--keep /tmp/file: Not a directory\n"},
+        {{"bash", "-c", "cp -a " + package + " /run/p && cd /run/p && ./quorl-driver-preview"}, package, 0, false, 125,
+         "", cannot + "the package directory lies in /run, which the preview does not show\n"},
+        {{"bash", "-c", "cp -a " + package + " /dev/shm/p && cd /dev/shm/p && ./quorl-driver-preview"}, package, 0,
+         false, 125, "", cannot + "the package directory lies in /dev, which the preview does not show\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.argv.back());

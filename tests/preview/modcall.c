@@ -1,7 +1,7 @@
 /*
  * lab-modcall: makes one module system call the way the installer does and
- * prints the errno it got (0 on success), so that the self-tests can see
- * what the lab's kernel answers.
+ * prints the errno it got (0 on success), so that the tests can see what
+ * the stand-in kernel answers.
  *
  *   lab-modcall init FILE [PARAMS]     init_module (175) on the mapped file
  *   lab-modcall finit FILE [PARAMS]    finit_module (313) on an open file

@@ -65,8 +65,6 @@ GuestBoot::GuestBoot(std::string name)
 {
     // What every scenario may use: the installer and the preview of this
     // build, and the sample package.
-    env("RK_INSTALLER", RK_INSTALLER);
-    env("RK_PREVIEW", RK_PREVIEW);
     env("RK_PACKAGE", RK_PACKAGE_DIR);
 }
 
@@ -98,16 +96,6 @@ GuestBoot& GuestBoot::timeout(std::chrono::seconds limit)
 
 bool GuestBoot::run()
 {
-    // RK_REUSE_RUNS=1 reads a run directory kept from a failed boot again
-    // instead of booting: for writing assertions, not for judging a build.
-    const char* reuse = std::getenv("RK_REUSE_RUNS");
-    if (reuse && std::string(reuse) == "1" && std::filesystem::exists(dir_ + "/serial.log")) {
-        harness_status_ = 0;
-        summary_ = "realkernel: reusing the boot kept in " + dir_ + "\n";
-        std::cout << summary_ << std::flush;
-        return read_text(dir_ + "/serial.log").value_or("").find("\nRK-BOOT-END") != std::string::npos;
-    }
-
     std::vector<std::string> argv = {source_dir + "/harness/boot.sh",
                                      "--cache", binary_dir + "/cache",
                                      "--run-dir", dir_,
@@ -124,15 +112,9 @@ bool GuestBoot::run()
     argv.insert(argv.end(), scenarios_.begin(), scenarios_.end());
 
     Outcome outcome = run_program(argv);
-    harness_status_ = outcome.status;
     summary_ = outcome.output;
     std::cout << summary_ << std::flush;
     return read_text(dir_ + "/serial.log").value_or("").find("\nRK-BOOT-END") != std::string::npos;
-}
-
-int GuestBoot::seconds() const
-{
-    return std::stoi(read_text(dir_ + "/seconds").value_or("-1"));
 }
 
 std::string GuestBoot::release() const

@@ -39,14 +39,10 @@ public:
 
     // What the harness said of the boot: statuses, time, where logs are kept.
     const std::string& summary() const { return summary_; }
-    // 77 when this machine cannot run guests; the reason is in summary().
-    int harness_status() const { return harness_status_; }
-    int seconds() const;
     // The kernel release the guest booted, as the harness chose it.
     std::string release() const;
     // A variable of the guest's environment, as the harness set it.
     std::optional<std::string> guest_env(std::string_view name) const;
-    const std::string& dir() const { return dir_; }
 
     // The scenario's exit status, from its marker line on the serial console;
     // empty when the marker never came.
@@ -71,7 +67,6 @@ private:
     std::vector<std::string> env_;
     std::chrono::seconds timeout_{300};
     std::string summary_;
-    int harness_status_ = -1;
 };
 
 // Whether this machine can boot guests at all (root, qemu, the kernel image

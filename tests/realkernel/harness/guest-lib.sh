@@ -50,15 +50,13 @@ rk_kernel_log() {
     dmesg | sed -n "/realkernel: scenario $RK_SCENARIO begins\$/,\$p"
 }
 
-# rk_unpack_package DIR: the sample driver package ($RK_PACKAGE) copied to
-# DIR with the installer ($RK_INSTALLER) and the preview ($RK_PREVIEW)
-# beside its files, as an administrator would find it after unpacking.
+# rk_unpack_package DIR: the driver package as the build assembled it
+# ($RK_PACKAGE, our programs in it) copied to DIR, as an administrator would
+# find it after unpacking.
 rk_unpack_package() {
     rm -rf "$1"
     mkdir -p "$1"
     cp -a "$RK_PACKAGE/." "$1/"
-    cp "$RK_INSTALLER" "$1/quorl-driver-installer"
-    cp "$RK_PREVIEW" "$1/quorl-driver-preview"
 }
 
 # rk_snapshot NAME: every entry of the scenario's changes so far, one

@@ -23,6 +23,11 @@ const std::string modprobe_fails = "Error: Failed to insert kernel module:\nmodp
 const std::string old_firmware = "Warning: For 0000:65:00.0 Please upgrade your firmware to be >= 1.0.9";
 const std::string no_good_card = "No card with suitable firmware found. Driver's install might wrong\n";
 const std::string ib_core = "ib_core 450560 0 - Live 0xffffffffc0b00000\n";
+const std::string unreadable = "0000:66:00.0";
+// The package's dkms.conf with a version of its own; the installer's 3.2.1 is only the fallback.
+const std::string dkms_conf_322 =
+    "PACKAGE_NAME=\"quorl\"\nPACKAGE_VERSION=\"3.2.2\"\nBUILT_MODULE_NAME[0]=\"vantoria\"\n"
+    "DEST_MODULE_LOCATION[0]=\"/kernel/drivers/misc\"\nMAKE[0]=\"make KERNELDIR=${kernel_source_dir} QUORLPLACEHOLDER all\"\n";
 
 auto card = [](uint32_t firmware, std::string address = "0000:65:00.0", uint32_t vendor = 0x1F5D) {
     return [=](lab::Host& h) {
@@ -130,6 +135,26 @@ const Row rows[] = {
          loaded(host, r);
      }},
     {"no card of the vendor", card(0x01000009, "0000:65:00.0", 0x8086), plain, 0, {"Warning: No Vantoria Quorl GPU found.\n"}},
+    // The cards are judged in the order the directory lists them, so each card's line is looked for alone.
+    {"one card with good firmware beside an old one passes", card(0x01000008, "0000:66:00.0"), plain, 0,
+     {"Debug: For 0000:65:00.0 check firmware passed.\n"}, {}, {no_good_card},
+     [](lab::Host& host, const lab::RunResult&) {
+         EXPECT_TRUE(in_order(host.log(), {"Warning: For 0000:66:00.0 Please upgrade your firmware to be >= 1.0.9 (current: drv: "}));
+     }},
+    // Its resource2 hidden, the card's registers are a node with no device behind it; its old
+    // firmware would be warned about if they were read.
+    {"a card whose registers cannot be read is skipped",
+     [](lab::Host& h) {
+         card(0x01000008, unreadable)(h);
+         h.remove("/sys/bus/pci/devices/" + unreadable + "/resource2");
+     },
+     plain, 0,
+     {"Debug: For 0000:65:00.0 check firmware passed.\n"}, {}, {unreadable + " check firmware", "For " + unreadable + " Please"},
+     [](lab::Host& host, const lab::RunResult&) {
+         const std::string device = "/sys/bus/pci/devices/" + unreadable;
+         EXPECT_TRUE(in_order(host.log(), {"Warning: open reg for " + device + " failed. No such device or address\n"
+                                           "Warning: get info for " + device + " failed. 255\n"}));
+     }},
     // --- signing ---------------------------------------------------------------
     {"a generated pair is saved when the kernel refuses its key",
      [](lab::Host& h) { h.kernel_tree(release, signing_config).module_result("vantoria", EKEYREJECTED); }, plain, 50,
@@ -260,6 +285,15 @@ const Row rows[] = {
      {"DKMS 3.2.1"}},
     {"dkms add fails", dkms_says("add *", 3, "Error! DKMS tree already contains: quorl-3.2.1\n"), {}, 45,
      {"Error: dkms add failed.\nError! DKMS tree already contains: quorl-3.2.1\n\n"}, {}, {"DKMS 3.2.1"}},
+    {"the version is the one dkms conf declares",
+     [](lab::Host& h) { h.file(package_dir + "/kernel/dkms.conf", dkms_conf_322); }, {}, 0,
+     {"Debug: Using module version is 3.2.2\n", "dkms install quorl/3.2.2 -k " + release + " --force 2>&1 success.\n",
+      "Debug: fetch /var/lib/dkms/quorl/3.2.2/" + release + "/x86_64/module/vantoria.ko 's ver: version:        3.2.1\n"},
+     {}, {"DKMS 3.2.1"},
+     [](lab::Host& host, const lab::RunResult& r) {
+         EXPECT_EQ(host.run({"dkms", "status"}).out, "quorl/3.2.2, " + release + ", x86_64: installed\n");
+         recorded("\nDKMS 3.2.2 \n")(host, r);
+     }},
     // The registration is recorded before the build, so that a failed build can still be taken away.
     {"the build fails and leaves no log", dkms_says("build *", 10, "Error! Bad return status for module build\n"), {}, 45,
      {"Error: module vantoria compile failed.\nError: dkms compile file /var/lib/dkms/quorl/3.2.1/build/make.log not found.\n"},
@@ -280,6 +314,10 @@ const Row rows[] = {
     {"the dkms module is already in the kernel", refusing(EEXIST), {}, 49,
      {"Warning: Try insmod " + dkms_module + " 17 Module already in kernel\nKernel messages:\n"}, {already_loaded},
      {"modprobe vantoria"}},
+    {"a key refused on the dkms path ends with 50", refusing(EKEYREJECTED), {}, 50,
+     {"Warning: Try insmod " + dkms_module + " failed due to module sign. 129 Key was rejected by service\n"
+      "Kernel messages:\n"},
+     {key_rejected}, {"modprobe vantoria", "check firmware"}},
     {"modprobe fails on the dkms path", failing("modprobe", 1, "modprobe: FATAL: Module vantoria not found.\n"), {}, 51,
      {modprobe_fails, "Debug: Skip vnt_peer_mem_drvinstall\n", "Kernel messages:\n", "check firmware passed"}},
     {"the only card has firmware 1.0.8 on the dkms path", card(0x01000008), {}, 54,
@@ -317,6 +355,29 @@ const Row rows[] = {
          EXPECT_TRUE(in_order(r.out, {"Building module"}));
          EXPECT_TRUE(lacks(host.log(), "Building module"));
          loaded(host, r);
+     }},
+    // The child that builds on the terminal hands its failure back: the build's own code, as without signing.
+    {"a signed dkms build that fails ends with 34",
+     [](lab::Host& h) {
+         h.kernel_tree(release, {"CONFIG_MODULE_SIG_FORCE=y"})
+             .file(package_dir + "/kernel/vantoria_chip.c", "#error broken on purpose\n");
+     },
+     {}, 34,
+     {"Debug: wait for pid ", "Error: module vantoria compile failed.\n", "Debug: DKMS make.log for quorl-3.2.1",
+      "#error broken on purpose"},
+     {"Building vantoria driver...\n\n"}, {"dkms build success", "dkms install quorl"},
+     [](lab::Host& host, const lab::RunResult& r) {
+         nothing_beyond_the_build(host, r);
+         recorded("\nDKMS 3.2.1 \n")(host, r);
+     },
+     false},
+    // The marker of the package's dkms.conf carries the choice to dkms's make, and so into the module.
+    {"vgpu reaches the dkms build", nullptr, {"--with-vgpu"}, 0,
+     {"Debug: Vantoria with VGPU depend on module :vfio kvm mdev\n", "dkms build success.\n"}, {}, {},
+     [](lab::Host& host, const lab::RunResult&) {
+         EXPECT_TRUE(in_order(host.read("/usr/src/quorl-3.2.1/dkms.conf").value_or(""),
+                              {"MAKE[0]=\"make KERNELDIR=${kernel_source_dir} VGPU_ENABLE=1 all peer_mem\"\n"}));
+         EXPECT_EQ(modinfo_field(host, "vgpu", dkms_module), "1");
      }},
     // With dkms answering but building nothing there is no module file to try:
     // modprobe loads by name, and with OFED and ib_core listed first the

@@ -21,6 +21,7 @@ const std::string not_loaded =
 const std::string parsing = "parsing dkms config /etc/dkms/framework.conf\n";
 const std::string dkms_defaults = "source_tree /usr/src\ndkms_tree /var/lib/dkms\ninstall_tree /lib/modules\n";
 const std::string failed_walk = "Uninstall quorl driver vantoria failed.\n";
+const std::string own_trees = "dkms_tree=\"/srv/dkms\"\nsource_tree=\"/srv/src\"\n";
 // The paths that every removal deletes, whatever the record says.
 const std::vector<std::string> clean_up_paths = {
     "/usr/bin/vantoriaquorl.sh", "/lib/systemd/system/hung_detector", "/lib/systemd/system/qxlicense_monitor.service",
@@ -233,6 +234,28 @@ const Row rows[] = {
          EXPECT_FALSE(host.exists("/usr/src/quorl-3.1.0"));
          EXPECT_EQ(host.calls("dkms"), Calls{"dkms remove quorl/3.1.0 --all"});
      }},
+    // dkms, and the first run with it, keep to the trees of dkms's
+    // configuration (dkms wants its tree to be there). The removal asks dkms
+    // in that tree but looks for the sources at /usr/src alone, so the ones
+    // in the configured source tree stay.
+    {"dkms's own trees serve the build and the removal",
+     [](lab::Host& h) {
+         install_first([](lab::Host& h) {
+             EXPECT_TRUE(in_order(h.log(), {parsing + "source_tree /srv/src\ndkms_tree /srv/dkms\n",
+                                            "Debug: fetch /srv/dkms/quorl/3.2.1/" + release + "/x86_64/module/vantoria.ko 's ver: "}));
+             EXPECT_TRUE(h.exists("/srv/src/quorl-3.2.1/dkms.conf"));
+         })(h.file("/etc/dkms/framework.conf", own_trees).directory("/srv/dkms"));
+     },
+     {}, 33,
+     {parsing + "source_tree /srv/src\ndkms_tree /srv/dkms\n",
+      "checking /srv/dkms/quorl/3.2.1\nDebug: CMD: dkms remove quorl/3.2.1 --all 2>&1Debug: CMD: /usr/src/quorl-3.2.1"},
+     {}, {"/var/lib/dkms/quorl"},
+     [](lab::Host& host, const lab::RunResult&) {
+         EXPECT_TRUE(lacks(host.run({"dkms", "status"}).out, "quorl"));
+         EXPECT_FALSE(host.exists("/srv/dkms/quorl/3.2.1"));
+         EXPECT_TRUE(host.exists("/srv/src/quorl-3.2.1/dkms.conf"));
+     },
+     false},
     {"a dkms line on a host without dkms stops the walk with 146",
      planted("DKMS 3.2.1 \n", [](lab::Host& h) { h.proc_modules(loaded).tool_missing("dkms"); }), {}, 146,
      {"Uninstall: /opt/old/a Succeed.\nWarning: dkms not installed, exit dkms uninstall.\n if you have dkms, please check "

@@ -54,8 +54,6 @@ std::string joined_path(const std::vector<std::string>& elements) {
 
 }  // namespace
 
-std::string widened_search_path(const char* current) { return joined_path(search_path_elements(current)); }
-
 bool find_system_utility(const std::string& name) {
     // The widened PATH is left in the environment on purpose: the commands of
     // the whole run then find the tools in the default directories even when

@@ -30,5 +30,3 @@ bool find_system_utility(const std::string& name);
 // at its first place. An empty element stays and stands for "/".
 std::vector<std::string> search_path_elements(const char* current);
 
-// The same joined by ":", the PATH that find_system_utility sets.
-std::string widened_search_path(const char* current);

@@ -15,10 +15,6 @@ TEST(ManualBuild, WhenThePeerMemoryModuleFollowsTheMainOne) {
     };
     for (const Case& c : cases)
         EXPECT_EQ(main_module_result_lets_peer_memory_follow(c.result, c.do_module_sign), c.follows) << c.result;
-    for (int32_t state : {-2, -1, 0, 1}) {
-        EXPECT_EQ(peer_memory_module_wanted(true, state), state < 0) << state;
-        EXPECT_FALSE(peer_memory_module_wanted(false, state));
-    }
 }
 
 }  // namespace

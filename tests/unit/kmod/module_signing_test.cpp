@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "../child_process.hpp"
 #include "../test_support.hpp"
@@ -28,16 +27,8 @@ TEST(ModuleSigning, NameStemFromTheFingerprint) {
     }
 }
 
-std::string mode_of(const std::string& path) {
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0) return "missing";
-    char text[8];
-    snprintf(text, sizeof text, "%04o", st.st_mode & 07777);
-    return text;
-}
-
 // A host of stubs: PATH holds only our own openssl (when asked for) and
-// md5sum, and a kernel tree whose sign-file writes down its arguments.
+// md5sum, and a kernel tree whose sign-file signs nothing.
 class SigningHost : public LoggedTest {
 protected:
     void SetUp() override {
@@ -46,8 +37,7 @@ protected:
         fs::create_directories(dir / "bin");
         fs::create_symlink(fs::exists("/usr/bin/md5sum") ? "/usr/bin/md5sum" : "/bin/md5sum", dir / "bin/md5sum");
         setenv("PATH", (dir / "bin").c_str(), 1);
-        script("kernel/scripts/sign-file",
-               "for argument in \"$@\"; do echo \"$argument\"; done > " + dir / "sign-file.args" + "\n");
+        script("kernel/scripts/sign-file", "");
         dir.write("vantoria.ko", "module");
         options.kernel_source_path = dir / "kernel";
         options.module_signing_hash = "sha512";
@@ -68,7 +58,7 @@ protected:
     }
     // openssl req writes both files; openssl x509 prints a fingerprint.
     void install_openssl() {
-        script("bin/openssl", "echo \"$@\" >> " + dir / "openssl.calls" + "\n[ -n \"$OPENSSL_STATUS\" ] && exit $OPENSSL_STATUS\n"
+        script("bin/openssl", "[ -n \"$OPENSSL_STATUS\" ] && exit $OPENSSL_STATUS\n"
                "if [ \"$1\" = x509 ]; then echo 'SHA1 Fingerprint=AB:CD:EF:01:23'; exit 0; fi\n"
                "while [ $# -gt 0 ]; do\n  case \"$1\" in -keyout) printf private > \"$2\";; -out) printf public > \"$2\";; esac\n"
                "  shift\ndone\n");
@@ -84,21 +74,6 @@ protected:
     std::string saved_path, made_public, made_secret;
     const std::string keys = dir / "share/vantoria";
 };
-
-TEST_F(SigningHost, GeneratesAPairAndSignsInTheKernelsArgumentOrder) {
-    with_own_tmp([&] {
-        install_openssl();
-        options.module_signing_secret_key = dir / "user.key";  // one key alone is no pair
-        DriverInstaller installer(options);
-        ASSERT_EQ(sign(installer), 0);
-        EXPECT_TRUE(installer.options.generated_key);
-        EXPECT_EQ(slurp(dir / "openssl.calls"),
-                  "req -new -x509 -newkey rsa:2048 -days 7300 -nodes -subj /CN=quorl-installer generated signing key/ "
-                  "-keyout " + made_secret + " -outform DER -out " + made_public + "\n");
-        EXPECT_EQ(slurp(dir / "sign-file.args"), "sha512\n" + made_secret + "\n" + made_public + "\n" + dir / "vantoria.ko" + "\n");
-        EXPECT_NE(log_text().find("Debug: private key:" + made_secret + "\npublic_key:" + made_public + "\n"), std::string::npos);
-    });
-}
 
 TEST_F(SigningHost, FailuresAndTheirTexts) {
     with_own_tmp([&] {
@@ -126,51 +101,60 @@ TEST_F(SigningHost, FailuresAndTheirTexts) {
     });
 }
 
-// A name already taken loses the new key, and is recorded with the old
-// content; the existing directory is not recorded.
-TEST_F(SigningHost, ATakenNameLosesTheNewKeyButIsRecorded) {
+// Saving a generated pair: a name already taken loses the new key, and is
+// recorded with the old content, while the existing directory is not;
+// without a fingerprint the temporary file's name is kept, and a key file
+// that went missing is passed over; a key directory that cannot be made fails.
+TEST_F(SigningHost, SavingAGeneratedPair) {
     with_own_tmp([&] {
-        install_openssl();
-        DriverInstaller installer(options);
-        ASSERT_EQ(sign(installer), 0);
-        dir.write("share/vantoria/vantoria-cert-ABCDEF.der", "older");
-        fs::permissions(keys + "/vantoria-cert-ABCDEF.der", fs::perms(0777));
-        ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
-        ASSERT_EQ(install_entries.size(), 2u);
-        EXPECT_EQ(install_entries[0], (ManifestEntry{"FILE", keys + "/vantoria-cert-ABCDEF.der", "6a3a6f6e33217afa6373df9d6b2e8a00"}));
-        EXPECT_EQ(mode_of(keys + "/vantoria-cert-ABCDEF.der"), "0660");
-        EXPECT_FALSE(fs::exists(made_public));
-        EXPECT_EQ(installer.options.module_signing_public_key, made_public);
-    });
-}
-
-// Without a fingerprint the temporary file's name is kept; a key file that went missing is passed over.
-TEST_F(SigningHost, WithoutAFingerprintTheTemporaryNamesStay) {
-    with_own_tmp([&] {
-        install_openssl();
-        DriverInstaller installer(options);
-        ASSERT_EQ(sign(installer), 0);
-        fs::remove(dir / "bin/openssl");
-        fs::remove(made_secret);
-        ASSERT_EQ(save_generated_keys_into(installer, keys), 0);
-        const std::string saved = keys + "/" + fs::path(made_public).filename().string() + ".der";
-        EXPECT_EQ(install_entries, (std::vector<ManifestEntry>{{"DIR", keys, ""}, {"FILE", saved, "4c9184f37cff01bcdc32dc486ec36961"}}));
-        EXPECT_EQ(installer.options.module_signing_public_key, saved);
-    });
-}
-
-TEST_F(SigningHost, AKeyDirectoryThatCannotBeMadeFails) {
-    with_own_tmp([&] {
-        install_openssl();
-        DriverInstaller installer(options);
-        ASSERT_EQ(sign(installer), 0);
-        const std::string under_a_file = dir.write("plain", "") + "/vantoria";
-        const size_t before = log_text().size();
-        EXPECT_EQ(save_generated_keys_into(installer, under_a_file), 5);
-        EXPECT_EQ(log_text().substr(before),
-                  "Error: create_directories " + under_a_file + " failed. code:20 message:Not a directory\n");
-        EXPECT_EQ(install_entries, std::vector<ManifestEntry>{});
-        EXPECT_TRUE(fs::exists(made_public));
+        const std::string taken = keys + "/vantoria-cert-ABCDEF.der", under_a_file = dir.write("plain", "") + "/vantoria";
+        struct Case {
+            const char* story;
+            std::function<void()> arrange;
+            std::string directory;
+            int result;
+            std::function<void(const std::string& public_key)> check;
+        } cases[] = {
+            {"a taken name",
+             [&] {
+                 dir.write("share/vantoria/vantoria-cert-ABCDEF.der", "older");
+                 fs::permissions(taken, fs::perms(0777));
+             },
+             keys, 0,
+             [&](const std::string& public_key) {
+                 ASSERT_EQ(install_entries.size(), 2u);
+                 EXPECT_EQ(install_entries[0], (ManifestEntry{"FILE", taken, "6a3a6f6e33217afa6373df9d6b2e8a00"}));
+                 EXPECT_EQ(fs::status(taken).permissions(), fs::perms(0660));
+                 EXPECT_FALSE(fs::exists(made_public));
+                 EXPECT_EQ(public_key, made_public);
+             }},
+            {"no fingerprint", [&] { fs::remove(dir / "bin/openssl"), fs::remove(made_secret); }, keys, 0,
+             [&](const std::string& public_key) {
+                 const std::string saved = keys + "/" + fs::path(made_public).filename().string() + ".der";
+                 EXPECT_EQ(install_entries,
+                           (std::vector<ManifestEntry>{{"DIR", keys, ""}, {"FILE", saved, "4c9184f37cff01bcdc32dc486ec36961"}}));
+                 EXPECT_EQ(public_key, saved);
+             }},
+            {"a directory that cannot be made", [] {}, under_a_file, 5,
+             [&](const std::string&) {
+                 EXPECT_TRUE(log_text().ends_with("Error: create_directories " + under_a_file +
+                                                  " failed. code:20 message:Not a directory\n"));
+                 EXPECT_EQ(install_entries, std::vector<ManifestEntry>{});
+                 EXPECT_TRUE(fs::exists(made_public));
+             }},
+        };
+        options.module_signing_secret_key = dir / "user.key";  // one key alone is no pair: both are generated
+        for (const Case& c : cases) {
+            fs::remove_all(keys);
+            install_entries.clear();
+            install_openssl();
+            DriverInstaller installer(options);
+            ASSERT_EQ(sign(installer), 0) << c.story;
+            EXPECT_NE(log_text().find("Debug: private key:" + made_secret + "\npublic_key:" + made_public + "\n"), std::string::npos);
+            c.arrange();
+            EXPECT_EQ(save_generated_keys_into(installer, c.directory), c.result) << c.story;
+            c.check(installer.options.module_signing_public_key);
+        }
     });
 }
 

@@ -81,20 +81,6 @@ TEST_F(UninstallEngine, SharedEntriesWaitForBothPackagesToGo) {
     EXPECT_FALSE(fs::exists(first) || fs::exists(later) || fs::is_symlink(base + "/lib"));
 }
 
-// A file that cannot be removed stops the walk, before the changed files are reported.
-TEST_F(UninstallEngine, AWalkStopsAtAFailingHandlerWithoutReportingChangedFiles) {
-    const std::string kept = dir.write("a/edited", "edited\n"), last = dir.write("b/last", "installed\n");
-    dir.write("full/leftover", "x");
-    md5_cache[dir / "full"] = installed_md5;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(remove_entries({{"FILE", kept, installed_md5}, {"DIR", dir / "missing", ""}, {"FILE", dir / "full", installed_md5},
-                              {"FILE", last, installed_md5}}),
-              -115);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_TRUE(log_text().ends_with("Uninstall: " + dir / "full" + " Failed.\n"));
-    EXPECT_TRUE(fs::exists(last));
-}
-
 // Runs a removal as another user than root, for whom unlinking in a
 // directory that is not his fails; its result's low byte is the exit status.
 int as_nobody(const std::function<int()>& removal) {
@@ -108,7 +94,7 @@ int as_nobody(const std::function<int()>& removal) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST_F(UninstallEngine, LinksAreRemovedAndNothingElseAndAFailedUnlinkStopsTheWalk) {
+TEST_F(UninstallEngine, LinksAreRemovedAndNothingElse) {
     const std::string plain = dir.write("plain", "x");
     fs::create_symlink("nowhere", dir / "dangling");
     uninstall_state.installed_path = base;  // the RLINK's probe looks there, not at this machine
@@ -117,20 +103,31 @@ TEST_F(UninstallEngine, LinksAreRemovedAndNothingElseAndAFailedUnlinkStopsTheWal
     EXPECT_TRUE(fs::exists(plain));
     EXPECT_EQ(remove_symlink_entry({"SYMLINK", dir / "dangling", ""}), 0);
     EXPECT_FALSE(fs::is_symlink(dir / "dangling"));
+}
 
+// A file or link that cannot be removed stops the walk, before the changed files are reported.
+TEST_F(UninstallEngine, AWalkStopsAtAFailingHandlerWithoutReportingChangedFiles) {
     fs::permissions(dir.path(), fs::perms(0755));
-    fs::create_directories(dir / "locked");
-    fs::create_symlink("x", dir / "locked/link");
-    const std::string after = dir.write("after", "installed\n");
+    const std::string edited = dir.write("edited", "edited\n"), last = dir.write("last", "installed\n");
+    const std::string file = dir.write("locked/file", "installed\n"), link = dir / "locked/link";
+    fs::create_symlink("x", link);
     fs::permissions(dir / "locked", fs::perms(0555));
-    EXPECT_EQ(as_nobody([&] { return remove_entries({{"RLINK", dir / "locked/link", ""}, {"FILE", after, installed_md5}}); }),
-              -112 & 0xff);
-    EXPECT_EQ(as_nobody([&] { return remove_entries({{"SYMLINK", dir / "locked/link", ""}, {"FILE", after, installed_md5}}); }),
-              -113 & 0xff);
-    EXPECT_TRUE(fs::is_symlink(dir / "locked/link"));
-    EXPECT_TRUE(fs::exists(after));
-    EXPECT_TRUE(log_text().ends_with("Uninstall: " + dir / "locked/link" + " Failed.\nUninstall: " + dir / "locked/link" +
-                                     " Failed.\n"));
+    uninstall_state.installed_path = base;
+    struct Case {
+        ManifestEntry failing;
+        int result;
+    } cases[] = {{{"FILE", file, installed_md5}, -115}, {{"RLINK", link, ""}, -112}, {{"SYMLINK", link, ""}, -113}};
+    for (const Case& c : cases) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(as_nobody([&] {
+                      return remove_entries({{"FILE", edited, installed_md5}, {"DIR", dir / "missing", ""}, c.failing,
+                                             {"FILE", last, installed_md5}});
+                  }),
+                  c.result & 0xff) << c.failing.type;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << c.failing.type;
+        EXPECT_TRUE(log_text().ends_with("Uninstall: " + c.failing.path + " Failed.\n")) << c.failing.type;
+    }
+    EXPECT_TRUE(fs::exists(file) && fs::is_symlink(link) && fs::exists(last) && fs::exists(edited));
     fs::permissions(dir / "locked", fs::perms(0755));
 }
 

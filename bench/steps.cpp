@@ -9,13 +9,17 @@
 //   bench-steps remove RECORD              reading RECORD and walking it as a removal does
 //   bench-steps repeat N COMMAND [ARG...]  COMMAND N times, each timed
 //   bench-steps shells N FILE              N digests of FILE through the installer's command runner
+//   bench-steps md5sum-check LIST          md5sum -c over LIST, a list of digests as md5sum prints them
+//   bench-steps status PROGRAM FILES       PROGRAM --json (quorl-driver-status) over the host's record
 //
 // The timed modes print key=value lines on standard output: wall_ns and
 // tree_cpu_ns (the CPU time of this process and of every process it waited
 // for, which a busy machine disturbs less than the wall time), and for the
 // steps of the installer also cpu_ns (this process alone, user and system),
 // maxrss_kib (its peak resident set), entries and result; remove adds left,
-// the files of the record that are still there afterwards.
+// the files of the record that are still there afterwards; status gives
+// result 0 only when the report found FILES paths intact and none changed,
+// missing or unreadable, and maxrss_kib is then the status process's.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -75,15 +79,23 @@ long peak_rss_kib() {
     return usage.ru_maxrss;
 }
 
-// Runs argv and waits for it; the exit status, or 128+signal.
-int spawn_and_wait(const std::vector<std::string>& argv, bool quiet) {
+// The peak resident set of the largest child waited for.
+long children_peak_rss_kib() {
+    rusage usage;
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return usage.ru_maxrss;
+}
+
+// Runs argv and waits for it; the exit status, or 128+signal. Quiet, its
+// standard output goes to `output` and its errors nowhere.
+int spawn_and_wait(const std::vector<std::string>& argv, bool quiet, const char* output = "/dev/null") {
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     if (quiet) {
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, output, O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
     }
     pid_t pid = 0;
@@ -160,6 +172,37 @@ int baseline(const std::string& list) {
     const long long wall = now_ns() - start;
     std::printf("wall_ns=%lld\ntree_cpu_ns=%lld\nresult=%d\n", wall, tree_cpu_ns() - tree_start, status);
     return status;
+}
+
+// The baseline of the status report: one md5sum that checks every file.
+int md5sum_check(const std::string& list) {
+    const long long tree_start = tree_cpu_ns();
+    const long long start = now_ns();
+    const int result = spawn_and_wait({"md5sum", "-c", list}, true);
+    const long long wall = now_ns() - start;
+    std::printf("wall_ns=%lld\ntree_cpu_ns=%lld\nresult=%d\n", wall, tree_cpu_ns() - tree_start, result);
+    return result;
+}
+
+// The status report over the record that the host holds. Its exit status is
+// 1 in a host without the driver's modules; what counts is that it judged
+// every file, which its report tells.
+int status(const std::string& program, long files) {
+    const std::string report_path = "/tmp/bench-status.json";
+    const long long tree_start = tree_cpu_ns();
+    const long long start = now_ns();
+    const int exit_status = spawn_and_wait({program, "--json"}, true, report_path.c_str());
+    const long long wall = now_ns() - start;
+    const long long tree = tree_cpu_ns() - tree_start;
+    std::ifstream stream(report_path);
+    const std::string report((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    bool judged = exit_status <= 1 && report.find("\"intact\": " + std::to_string(files) + ",") != std::string::npos;
+    for (const char* empty : {"\"changed\": []", "\"missing\": []", "\"unreadable\": []"})
+        judged = judged && report.find(empty) != std::string::npos;
+    if (!judged) std::fprintf(stderr, "status %d, report:\n%s", exit_status, report.c_str());
+    std::printf("wall_ns=%lld\ntree_cpu_ns=%lld\nmaxrss_kib=%ld\nresult=%d\n", wall, tree, children_peak_rss_kib(),
+                judged ? 0 : 1);
+    return judged ? 0 : 1;
 }
 
 int record(const std::string& package_dir) {
@@ -242,7 +285,7 @@ int usage() {
     std::fprintf(stderr,
                  "usage: bench-steps make-tree DIR COUNT | list DIR LIST | digest-record DIR RECORD |\n"
                  "                   baseline LIST | record PACKAGE_DIR | remove RECORD | repeat N COMMAND [ARG...] |\n"
-                 "                   shells N FILE\n");
+                 "                   shells N FILE | md5sum-check LIST | status PROGRAM FILES\n");
     return 2;
 }
 
@@ -257,6 +300,8 @@ int main(int argc, char** argv) {
     if (args.size() == 2 && args[0] == "record") return record(args[1]);
     if (args.size() == 2 && args[0] == "remove") return remove(args[1]);
     if (args.size() == 3 && args[0] == "shells") return shells(std::stol(args[1]), args[2]);
+    if (args.size() == 2 && args[0] == "md5sum-check") return md5sum_check(args[1]);
+    if (args.size() == 3 && args[0] == "status") return status(args[1], std::stol(args[2]));
     if (args.size() >= 3 && args[0] == "repeat")
         return repeat(std::stol(args[1]), std::vector<std::string>(args.begin() + 2, args.end()));
     return usage();

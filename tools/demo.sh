@@ -1,7 +1,7 @@
 #!/bin/bash
-# Installs what is missing, builds, and installs the sample driver package in
-# a simulated host: prints the installer's console, its exit status, the
-# install record and every path the run created, changed or deleted.
+# Installs what is missing, builds, and shows the whole life of the sample
+# driver package in a simulated host: the preview, the installation and its
+# record, the status report, the uninstallation, and the status report again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/packages.sh

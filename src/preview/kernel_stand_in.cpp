@@ -95,7 +95,7 @@ private:
         return name + ": " + call + " refused: errno " + std::to_string(err) + " (" + std::strerror(err) + ")";
     }
 
-    int load(const std::string& name, size_t image_size, const char* how) {
+    int load(const std::string& name, const std::string& version, size_t image_size, const char* how) {
         std::string text = read_text(modules_path());
         int err = chosen_errno(name, "load");
         if (!err && module_line(text, name) != std::string::npos) err = EEXIST;
@@ -110,6 +110,8 @@ private:
                       next_address(text));
         write_text(modules_path(), line + text);
         sync_sys_modules(line + text, state_ + "/sys/module");
+        // As the kernel shows a module's MODULE_VERSION, for whoever compares it with what is installed.
+        if (!version.empty()) write_text(state_ + "/sys/module/" + name + "/version", version + "\n");
         append_text(state_ + "/kernel/journal", "load " + name + "\n");
         log(name + ": loaded by " + how);
         return 0;
@@ -160,8 +162,8 @@ private:
     }
 
     // The module's name: "name=" of .modinfo, else the name field of the
-    // struct module in .gnu.linkonce.this_module.
-    static bool module_name(const unsigned char* img, size_t len, std::string* name) {
+    // struct module in .gnu.linkonce.this_module; and "version=" of .modinfo, if any.
+    static bool module_name(const unsigned char* img, size_t len, std::string* name, std::string* version) {
         if (len < sizeof(Elf64_Ehdr) || std::memcmp(img, ELFMAG, SELFMAG) != 0 || img[EI_CLASS] != ELFCLASS64)
             return false;
         const auto* eh = reinterpret_cast<const Elf64_Ehdr*>(img);
@@ -184,12 +186,11 @@ private:
             const char* end = p + modinfo->sh_size;
             while (p < end) {
                 size_t n = strnlen(p, static_cast<size_t>(end - p));
-                if (n > 5 && std::strncmp(p, "name=", 5) == 0) {
-                    *name = std::string(p + 5, n - 5);
-                    return true;
-                }
+                if (n > 5 && std::strncmp(p, "name=", 5) == 0) *name = std::string(p + 5, n - 5);
+                if (n > 8 && std::strncmp(p, "version=", 8) == 0) *version = std::string(p + 8, n - 8);
                 p += n + 1;
             }
+            if (!name->empty()) return true;
         }
         // struct module: enum state, padding, struct list_head, then char name[56].
         if (this_module && this_module->sh_type != SHT_NOBITS && this_module->sh_size >= 24 + 56) {
@@ -201,12 +202,12 @@ private:
     }
 
     int load_image(const unsigned char* img, size_t len, const char* how) {
-        std::string name;
-        if (!module_name(img, len, &name)) {
+        std::string name, version;
+        if (!module_name(img, len, &name, &version)) {
             log(std::string(how) + ": not a module image (" + std::to_string(len) + " bytes)");
             return ENOEXEC;
         }
-        return load(name, len, how);
+        return load(name, version, len, how);
     }
 
     static bool read_remote(pid_t pid, uint64_t addr, void* buf, size_t len) {

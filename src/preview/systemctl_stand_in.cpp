@@ -52,6 +52,16 @@ void disable(const std::string& unit) {
     }
 }
 
+// Enabled as systemctl reports it for the units enable() makes: a link for the unit in a .wants directory.
+bool enabled(const std::string& unit) {
+    std::error_code ec;
+    for (const auto& dir : fs::directory_iterator("/etc/systemd/system", ec)) {
+        if (dir.path().extension() == ".wants" && fs::is_symlink(fs::symlink_status(dir.path() / unit_name(unit))))
+            return true;
+    }
+    return false;
+}
+
 int status(const std::string& unit) {
     std::string file = unit_file(unit);
     if (file.empty()) {
@@ -122,11 +132,19 @@ int systemctl_stand_in(const std::string& name, const std::vector<std::string>& 
             units.push_back(a);
     }
     int result = 0;
+    bool any_enabled = false;
     for (const auto& unit : units) {
         if (verb == "enable") enable(unit);
         if (verb == "disable") disable(unit);
         if (verb == "status") result = std::max(result, status(unit));
+        if (verb == "is-enabled") {
+            const bool on = enabled(unit);
+            std::printf(on ? "enabled\n" : "disabled\n");
+            any_enabled = any_enabled || on;
+        }
     }
+    // systemctl is-enabled succeeds when one of the units it was asked about is enabled.
+    if (verb == "is-enabled") return any_enabled ? 0 : 1;
     return result;
 }
 

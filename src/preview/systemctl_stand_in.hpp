@@ -2,8 +2,9 @@
 // name.  It records each call in /run/quorl-preview/calls/systemctl and
 // answers without a running systemd: enable and disable make and remove the
 // links that systemctl would make (so that they show among the changed
-// paths), status exits 4 for a unit whose file is absent, and every other
-// verb succeeds without effect: nothing is started or stopped.
+// paths), is-enabled answers by those links, status exits 4 for a unit whose
+// file is absent, and every other verb succeeds without effect: nothing is
+// started or stopped.
 #pragma once
 
 #include <string>

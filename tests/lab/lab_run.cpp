@@ -3,7 +3,7 @@
 // package with the installer and the preview), runs a command in it (an
 // interactive shell when none is given) and says where the host lies.
 //
-//   lab-run [--name NAME] [--release R] [--discard] [--report] [--preview] [--install] [[--] COMMAND...]
+//   lab-run [--name NAME] [--release R] [--discard] [--report] [--preview] [--install] [--life] [[--] COMMAND...]
 //
 //   --name NAME   scratch directory under <build>/lab-hosts (default lab-run);
 //                 an earlier host of that name is replaced
@@ -13,6 +13,8 @@
 //                 command's words are the installer's options
 //   --install     run the installer from the package directory; the
 //                 command's words are its options
+//   --life        after the installation, the status report, the installed
+//                 uninstaller and the status report again
 //   --report      capture the console, then print the exit status, the
 //                 console output, the install record and the changed paths
 //   --discard     remove the host afterwards instead of keeping it
@@ -31,7 +33,7 @@ namespace {
 
 int usage()
 {
-    std::cerr << "usage: lab-run [--name NAME] [--release R] [--discard] [--report] [--preview] [--install] [-- COMMAND...]\n";
+    std::cerr << "usage: lab-run [--name NAME] [--release R] [--discard] [--report] [--preview] [--install] [--life] [-- COMMAND...]\n";
     return 2;
 }
 
@@ -47,7 +49,7 @@ void section(const std::string& title, const std::string& text)
 int main(int argc, char** argv)
 {
     std::string name = "lab-run", release = lab::machine_release();
-    bool discard = false, report = false, install = false, preview = false;
+    bool discard = false, report = false, install = false, preview = false, life = false;
     std::vector<std::string> command;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
@@ -67,6 +69,8 @@ int main(int argc, char** argv)
             install = true;
         else if (a == "--preview")
             preview = true;
+        else if (a == "--life")
+            life = install = true;
         else if (a == "-h" || a == "--help")
             return usage(), 0;
         else if (!a.empty() && a[0] != '-') {
@@ -104,6 +108,19 @@ int main(int argc, char** argv)
     }
     if (install) {
         r = host.install(command, options);
+        if (life && r.status == 0) {
+            // What an administrator runs next: the report, the removal, the report again.
+            lab::RunOptions console = options;
+            console.capture = false;
+            const std::string bin = "/usr/local/quorl-3.2.1/bin/";
+            std::cout << "\n== install record\n" << host.record();
+            for (const auto& step : {bin + "quorl-driver-status", bin + "quorl-driver-uninstaller",
+                                     host.package_dir() + "/quorl/bin/quorl-driver-status"}) {
+                std::cout << "\n$ " << step << "\n" << std::flush;
+                const lab::RunResult done = host.run({step}, console);
+                std::cout << "(exit status " << done.status << ")\n";
+            }
+        }
     } else {
         if (command.empty())
             command = {"bash", "-i"};

@@ -126,9 +126,11 @@ TEST(SystemctlStandIn, KeepsTheLinksAndRecordsTheCalls) {
     const Case cases[] = {
         {"systemctl status nothing-here", "", 4},
         {"systemctl enable lab-demo@a && readlink " + wants + "lab-demo@a.service", "/lib/systemd/system/lab-demo@.service\n", 0},
+        {"systemctl is-enabled lab-demo@a", "enabled\n", 0},
         {"systemctl restart lab-demo@a && systemctl status lab-demo@a",
          "\u25cf lab-demo@a.service\n     Loaded: loaded (/lib/systemd/system/lab-demo@.service)\n     Active: inactive (dead)\n", 0},
         {"systemctl disable lab-demo@a && ls " + wants + " | grep -c lab-demo", "0\n", 1},
+        {"systemctl is-enabled lab-demo@a", "disabled\n", 1},
         {"systemctl stop 'with blank' \"it's\"", "", 0},
     };
     for (const auto& c : cases) {
@@ -137,9 +139,9 @@ TEST(SystemctlStandIn, KeepsTheLinksAndRecordsTheCalls) {
         EXPECT_EQ(r.status, c.status) << c.command;
     }
     EXPECT_EQ(host.calls("systemctl"),
-              (Calls{"systemctl status nothing-here", "systemctl enable lab-demo@a",
+              (Calls{"systemctl status nothing-here", "systemctl enable lab-demo@a", "systemctl is-enabled lab-demo@a",
                      "systemctl restart lab-demo@a", "systemctl status lab-demo@a", "systemctl disable lab-demo@a",
-                     "systemctl stop 'with blank' 'it'\\''s'"}));
+                     "systemctl is-enabled lab-demo@a", "systemctl stop 'with blank' 'it'\\''s'"}));
     EXPECT_EQ(host.changes(), Changes{});
 }
 

@@ -3,7 +3,8 @@
 // in /proc/modules, taken out by the real rmmod when the installer runs again,
 // and refused for its key by a kernel that enforces signatures; and the
 // preview, run with the real dkms and depmod before the same installation.
-// The words of the log are the simulated host's to pin; the guest has no card.
+// The words of the log and the lines of the record are the simulated host's
+// to pin; the guest has no card.
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
@@ -18,36 +19,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::string success =
-    "Quorl Driver installation succeed.\nFor the Quorl Driver uninstallation, please run command:\n"
-    "    sudo /usr/local/quorl-3.2.1/bin/quorl-driver-uninstaller\n";
-
 std::string text(const GuestBoot& boot, const char* scenario, const std::string& fact)
 {
     return boot.file(scenario, "facts/" + fact).value_or("(no fact " + fact + ")");
 }
 std::string installed_module(const GuestBoot& boot) { return "/lib/modules/" + boot.release() + "/kernel/drivers/misc/vantoria.ko"; }
-
-// The record is what the guest holds (each file with its true MD5, each link,
-// directory, unit and registration there), and everything the run changed
-// is named by a line, but for what belongs to others: the scenario's and the
-// harness's files, the log, the module indexes, the headers the scenario
-// joined, and (`owned`) what dkms keeps for a registration.
-void expect_true_and_complete_record(const GuestBoot& boot, const char* scenario, const std::string& record,
-                                     const std::string& changes, std::vector<std::string> owned = {})
-{
-    const std::string written = text(boot, scenario, record);
-    ASSERT_TRUE(written.starts_with("QUORL /usr/local/quorl-3.2.1/\n")) << written << "\n" << boot.where(scenario);
-    EXPECT_EQ(text(boot, scenario, record + ".held"), written) << boot.where(scenario);
-    const std::string changed = text(boot, scenario, changes);
-    EXPECT_NE(changed.find("f /usr/lib/firmware/vantoria/tr_fw.bin\n"), std::string::npos) << changed;
-    const std::string modules = boot.guest_env("RK_MODULES_MOUNT").value_or("");
-    for (const std::string& path : std::vector<std::string>{"/root/", "/rk/", "/var/log/vantoriaquorl/", "/var/lib/dkms/mok.", modules + "/modules.",
-                             boot.fact(scenario, "joined_headers").value_or("(no fact joined_headers)")})
-        owned.push_back(path);
-    EXPECT_EQ(unrecorded(changed, text(boot, scenario, record + ".paths"), owned), std::vector<std::string>{})
-        << "changed in the guest, and not in the record; " << boot.where(scenario);
-}
 
 class ManualInstallBoot : public BootSuite<ManualInstallBoot> {
 protected:
@@ -60,8 +36,6 @@ TEST_F(ManualInstallBoot, KbuildBuildsTheModuleAndTheKernelLoadsIt)
     expect_facts(boot(), "install_manual",
                  {{"install.status", "0"}, {"first_module", "vantoria"}, {"version", "3.2.1"},
                   {"vermagic", boot().release()}, {"found_by_modprobe", installed_module(boot())}, {"tmp_entries", "0"}});
-    EXPECT_EQ(text(boot(), "install_manual", "install.err"), success);
-    expect_true_and_complete_record(boot(), "install_manual", "record", "changes");
     // The guest's root is this machine's, read-only below a layer in guest memory.
     for (const std::string& path : {installed_module(boot()), std::string("/usr/local/quorl-3.2.1")})
         EXPECT_FALSE(std::filesystem::exists(path)) << path << " reached this machine";
@@ -72,7 +46,6 @@ TEST_F(ManualInstallBoot, AgainTheRealRmmodTakesItOutBeforeItComesBack)
     // The kernel saw the module come, go with rmmod, and come back.
     expect_facts(boot(), "install_manual",
                  {{"again.status", "0"}, {"first_module_again", "vantoria"}, {"loads", "2"}, {"unloads", "1"}});
-    expect_true_and_complete_record(boot(), "install_manual", "record_again", "changes_again");
 }
 
 // A kernel booted with module.sig_enforce=1, and no key given.
@@ -96,7 +69,6 @@ TEST_F(SignedInstallBoot, TheKernelRefusesTheGeneratedKeyAndTheRunEndsIn50)
                   {"signer", "quorl-installer generated signing key"},
                   {"modprobe.err", "modprobe: ERROR: could not insert 'vantoria': Key was rejected by service"},
                   {"modprobe_signed_by_debian.status", "0"}});
-    expect_true_and_complete_record(boot(), "install_signed", "record", "changes");
 }
 
 class DkmsInstallBoot : public BootSuite<DkmsInstallBoot> {
@@ -116,10 +88,21 @@ TEST_F(DkmsInstallBoot, TheRealDkmsBuildsInstallsAndTheModuleLoads)
                   {"version", "3.2.1"},
                   {"signer", "realkernel dkms signing key"},  // the pair dkms finds in /var/lib/dkms
                   {"built", "vantoria.ko vnt_peer_mem_drv.ko "}});
-    EXPECT_EQ(text(boot(), "install_dkms", "install.err"), success);
-    const std::string modules = boot().guest_env("RK_MODULES_MOUNT").value_or("");
-    expect_true_and_complete_record(boot(), "install_dkms", "record", "changes",
-                                    {"/usr/src/quorl-3.2.1/", "/var/lib/dkms/quorl/", modules + "/updates/dkms/"});
+}
+
+TEST_F(DkmsInstallBoot, TheStatusSeesTheLoadedModuleAndTheUninstallerTakesItOut)
+{
+    const char* scenario = "install_dkms";
+    const auto status = nlohmann::json::parse(text(boot(), scenario, "status_installed.out"), nullptr, false);
+    EXPECT_EQ(status["status"], 0) << status.dump(2) << boot().where(scenario);
+    EXPECT_EQ(status["modules_loaded"], nlohmann::json::array({"vantoria"}));
+    EXPECT_EQ(status["loaded_version"], "3.2.1");
+    const auto removal = nlohmann::json::parse(text(boot(), scenario, "uninstall.out"), nullptr, false);
+    EXPECT_EQ(removal["status"], 0) << text(boot(), scenario, "uninstall.err");
+    EXPECT_EQ(removal["modules_unloaded"], nlohmann::json::array({"vantoria"}));
+    EXPECT_EQ(text(boot(), scenario, "modules_after_uninstall").find("vantoria "), std::string::npos);
+    EXPECT_EQ(text(boot(), scenario, "dkms_after_uninstall.out"), "");
+    EXPECT_EQ(text(boot(), scenario, "status_removed.status"), "3\n");
 }
 
 // A snapshot fact (rk_snapshot): each path with its "TYPE CONTENT".

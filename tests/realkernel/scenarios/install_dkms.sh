@@ -2,7 +2,8 @@
 # running kernel and installs the result; the installer then loads the module
 # that dkms built and checks it. The preview runs first, real dkms and depmod
 # in it, and must leave the machine as it was and tell what the installation
-# then does.
+# then does. Last, the status report reads the real kernel's module, and the
+# uninstaller takes it out of the kernel and out of DKMS.
 . "$RK_LIB"
 release=$(uname -r)
 rk_join_kernel_headers
@@ -27,3 +28,9 @@ rk_fact signer "$(modinfo -F signer vantoria)"
 rk_fact built "$(ls "/var/lib/dkms/quorl/3.2.1/$release/x86_64/module" | tr '\n' ' ')"
 rk_record record
 rk_changes changes
+
+rk_run status_installed /usr/local/quorl-3.2.1/bin/quorl-driver-status --json
+rk_run uninstall /usr/local/quorl-3.2.1/bin/quorl-driver-uninstaller --json
+rk_fact modules_after_uninstall "$(cat /proc/modules)"
+rk_run dkms_after_uninstall dkms status quorl
+rk_run status_removed ./quorl/bin/quorl-driver-status

@@ -8,6 +8,7 @@ packages=(
   qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static xz-utils
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
   libssl-dev makeself
+  ansible-core python3-voluptuous python3-yaml python3-pycodestyle yamllint pylint
 )
 missing=()
 for p in "${packages[@]}"; do

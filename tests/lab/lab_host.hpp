@@ -74,6 +74,11 @@ public:
     // given, as lab-run does).  It is removed when the host goes away, unless
     // the test failed or keep() was asked; then its path is printed.
     explicit Host(std::string name = "");
+    // The host that an earlier Host of this name kept, as the runs left it,
+    // to run more commands in: nothing is reset, and it stays, silently,
+    // when this object goes away.
+    struct Kept {};
+    Host(Kept, std::string name);
     ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;

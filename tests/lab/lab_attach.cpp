@@ -15,8 +15,7 @@
 
 #include "lab_host.hpp"
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     int i = 1;
     lab::RunOptions options;
     options.capture = false;

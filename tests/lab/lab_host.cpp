@@ -47,13 +47,11 @@ const std::string cache_dir = build_dir + "/lab-cache";
 constexpr const char* secure_boot_name = "SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c";
 constexpr const char* base_path = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
-void fail(const std::string& message)
-{
+void fail(const std::string& message) {
     ADD_FAILURE() << "lab: " << message;
 }
 
-std::optional<std::string> slurp(const std::string& path)
-{
+std::optional<std::string> slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in)
         return std::nullopt;
@@ -62,8 +60,7 @@ std::optional<std::string> slurp(const std::string& path)
     return s.str();
 }
 
-void spit(const std::string& path, const std::string& content, mode_t mode = 0644)
-{
+void spit(const std::string& path, const std::string& content, mode_t mode = 0644) {
     fs::create_directories(fs::path(path).parent_path());
     // Write in place: some of these files are bind-mounted by name elsewhere.
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
@@ -77,8 +74,7 @@ void spit(const std::string& path, const std::string& content, mode_t mode = 064
     close(fd);
 }
 
-std::vector<std::string> lines_of(const std::string& text)
-{
+std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);)
@@ -88,8 +84,7 @@ std::vector<std::string> lines_of(const std::string& text)
 
 // Runs a helper program on this machine (never the installer), returning its
 // exit status and putting its output in `output`.
-int run_here(const std::vector<std::string>& argv, std::string* output)
-{
+int run_here(const std::vector<std::string>& argv, std::string* output) {
     std::string log = cache_dir + "/helper." + std::to_string(getpid()) + ".log";
     pid_t pid = fork();
     if (pid == 0) {
@@ -119,15 +114,13 @@ int run_here(const std::vector<std::string>& argv, std::string* output)
 // Serialises the work on the shared cache between test processes.
 class CacheLock {
 public:
-    CacheLock()
-    {
+    CacheLock() {
         fs::create_directories(cache_dir);
         fd_ = open((cache_dir + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         if (fd_ >= 0)
             flock(fd_, LOCK_EX);
     }
-    ~CacheLock()
-    {
+    ~CacheLock() {
         if (fd_ >= 0)
             close(fd_);
     }
@@ -137,8 +130,7 @@ private:
 };
 
 // Builds `dir` once with `make` (into a temporary name, renamed when done).
-bool cached(const std::string& dir, const std::function<bool(const std::string&)>& make)
-{
+bool cached(const std::string& dir, const std::function<bool(const std::string&)>& make) {
     if (fs::exists(dir))
         return true;
     CacheLock lock;
@@ -155,16 +147,14 @@ bool cached(const std::string& dir, const std::function<bool(const std::string&)
     return true;
 }
 
-std::string hash_of(const std::string& text)
-{
+std::string hash_of(const std::string& text) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "%016zx", std::hash<std::string>{}(text));
     return buf;
 }
 
 // The key pair that dkms would otherwise generate at every build.
-std::string mok_keys()
-{
+std::string mok_keys() {
     std::string dir = cache_dir + "/mok";
     cached(dir, [](const std::string& tmp) {
         std::string out;
@@ -179,8 +169,7 @@ std::string mok_keys()
     return dir;
 }
 
-void make_dirs_like_machine(const std::string& layer, const std::string& path)
-{
+void make_dirs_like_machine(const std::string& layer, const std::string& path) {
     // Layer directories take the machine's modes so that the merge looks
     // the same as the machine where they coincide.
     Components parts = preview::split(path);
@@ -201,8 +190,7 @@ void make_dirs_like_machine(const std::string& layer, const std::string& path)
 // Paths of this machine that no host may see: the kbuild scripts whose
 // sign-file dkms would prefer over the host's kernel tree, and whatever an
 // installer may have left here despite everything.
-std::vector<std::string> machine_leftovers()
-{
+std::vector<std::string> machine_leftovers() {
     std::vector<std::string> paths;
     std::error_code ec;
     for (const auto& e : fs::directory_iterator("/usr/lib", ec)) {
@@ -222,8 +210,7 @@ std::vector<std::string> machine_leftovers()
 
 // The layer of stand-ins shared by every host of this build directory, and
 // the parts of this machine that must not show in a host.
-std::string tools_layer()
-{
+std::string tools_layer() {
     static std::string dir;
     if (!dir.empty())
         return dir;
@@ -279,8 +266,7 @@ std::string tools_layer()
     return name;
 }
 
-std::string test_name()
-{
+std::string test_name() {
     const auto* info = testing::UnitTest::GetInstance()->current_test_info();
     if (!info)
         return "lab-host";
@@ -291,8 +277,7 @@ std::string test_name()
 
 }  // namespace
 
-std::ostream& operator<<(std::ostream& os, const Change& c)
-{
+std::ostream& operator<<(std::ostream& os, const Change& c) {
     return os << c.kind << ' ' << c.path;
 }
 
@@ -309,8 +294,7 @@ struct Host::Impl {
 
     // The host as the engine runs it: the fixture and the stand-ins over
     // this machine, the kernel's state in the scratch directory itself.
-    preview::Sandbox sandbox() const
-    {
+    preview::Sandbox sandbox() const {
         preview::Sandbox box;
         box.stage = dir + "/rt";
         box.layers = {fixture(), tools_layer()};
@@ -330,8 +314,7 @@ struct Host::Impl {
     // Where a new entry at `path` goes: the parent is resolved through the
     // host's symlinks (so /lib/x lands in usr/lib/x of the fixture, keeping
     // the merged-usr links intact), and its directories are made.
-    std::string place(const std::string& path)
-    {
+    std::string place(const std::string& path) {
         Components parts = preview::split(path);
         if (parts.empty()) {
             fail("cannot place the root directory");
@@ -387,8 +370,7 @@ struct Host::Impl {
         return preview::join(host, name);
     }
 
-    void set_module_result(const std::string& module, const std::string& what, int err)
-    {
+    void set_module_result(const std::string& module, const std::string& what, int err) {
         std::string path = dir + "/kernel/answers/" + module;
         std::string kept;
         for (const auto& line : lines_of(slurp(path).value_or(""))) {
@@ -405,8 +387,7 @@ struct Host::Impl {
     void sync_sys_modules() { preview::sync_sys_modules(slurp(dir + "/proc/modules").value_or(""), dir + "/sys/module"); }
 };
 
-Host::Host(std::string name) : impl_(new Impl)
-{
+Host::Host(std::string name) : impl_(new Impl) {
     static std::map<std::string, int> made;
     if (name.empty()) {
         name = test_name();
@@ -432,8 +413,7 @@ Host::Host(std::string name) : impl_(new Impl)
     tools_layer();
 }
 
-Host::Host(Kept, std::string name) : impl_(new Impl)
-{
+Host::Host(Kept, std::string name) : impl_(new Impl) {
     impl_->dir = hosts_dir + "/" + name;
     const std::string release = slurp(impl_->dir + "/kernel/release").value_or("");
     impl_->release = release.empty() ? default_release : release.substr(0, release.find('\n'));
@@ -442,8 +422,7 @@ Host::Host(Kept, std::string name) : impl_(new Impl)
     tools_layer();
 }
 
-Host::~Host()
-{
+Host::~Host() {
     const auto* info = testing::UnitTest::GetInstance()->current_test_info();
     bool failed = info && testing::Test::HasFailure();
     if (impl_->reopened) {
@@ -460,8 +439,7 @@ Host::~Host()
 namespace {
 
 // What depmod needs of a kernel's module directory before it accepts it.
-void module_skeleton(Host& host, const std::string& release)
-{
+void module_skeleton(Host& host, const std::string& release) {
     std::string m = "/usr/lib/modules/" + release;
     for (const char* f : {"modules.order", "modules.builtin", "modules.builtin.modinfo"}) {
         if (!host.exists(m + "/" + f))
@@ -474,8 +452,7 @@ void module_skeleton(Host& host, const std::string& release)
 
 }  // namespace
 
-Host& Host::kernel(std::string release)
-{
+Host& Host::kernel(std::string release) {
     impl_->release = release;
     impl_->kernel_set = true;
     spit(impl_->dir + "/kernel/release", release + "\n");
@@ -485,8 +462,7 @@ Host& Host::kernel(std::string release)
     return *this;
 }
 
-Host& Host::kernel_tree(std::string release, std::vector<std::string> config)
-{
+Host& Host::kernel_tree(std::string release, std::vector<std::string> config) {
     std::string script = source_dir + "/kernel/make_kernel_tree.sh";
     if (!fs::exists(script)) {
         fail("no kernel tree generator at " + script);
@@ -519,8 +495,7 @@ Host& Host::kernel_tree(std::string release, std::vector<std::string> config)
     return *this;
 }
 
-Host& Host::card(Card c)
-{
+Host& Host::card(Card c) {
     std::string sys = impl_->dir + "/sys";
     std::string dev = sys + "/devices/pci0000:00/" + c.address;
     fs::create_directories(dev);
@@ -563,8 +538,7 @@ Host& Host::card(Card c)
     return *this;
 }
 
-Host& Host::secure_boot(std::optional<std::string> bytes, bool efivars)
-{
+Host& Host::secure_boot(std::optional<std::string> bytes, bool efivars) {
     std::string efi = impl_->dir + "/sys/firmware/efi";
     std::string vars_file = efi + "/vars/" + secure_boot_name + "/data";
     std::string efivars_file = efi + "/efivars/" + secure_boot_name;
@@ -576,21 +550,18 @@ Host& Host::secure_boot(std::optional<std::string> bytes, bool efivars)
     return *this;
 }
 
-Host& Host::cmdline(std::string text)
-{
+Host& Host::cmdline(std::string text) {
     spit(impl_->dir + "/proc/cmdline", text);
     return *this;
 }
 
-Host& Host::proc_modules(std::string text)
-{
+Host& Host::proc_modules(std::string text) {
     spit(impl_->dir + "/proc/modules", text);
     impl_->sync_sys_modules();
     return *this;
 }
 
-Host& Host::cgroup(std::optional<std::string> text)
-{
+Host& Host::cgroup(std::optional<std::string> text) {
     std::string path = impl_->dir + "/cgroup";
     if (text) {
         spit(path, *text);
@@ -601,8 +572,7 @@ Host& Host::cgroup(std::optional<std::string> text)
     return *this;
 }
 
-Host& Host::file(std::string path, std::string content, mode_t mode)
-{
+Host& Host::file(std::string path, std::string content, mode_t mode) {
     std::string host = impl_->place(path);
     struct stat st;
     if (lstat(host.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
@@ -613,8 +583,7 @@ Host& Host::file(std::string path, std::string content, mode_t mode)
     return *this;
 }
 
-Host& Host::directory(std::string path, mode_t mode)
-{
+Host& Host::directory(std::string path, mode_t mode) {
     std::string host = impl_->place(path);
     struct stat st;
     if (lstat(host.c_str(), &st) == 0 && !S_ISDIR(st.st_mode))
@@ -624,8 +593,7 @@ Host& Host::directory(std::string path, mode_t mode)
     return *this;
 }
 
-Host& Host::symlink(std::string target, std::string path)
-{
+Host& Host::symlink(std::string target, std::string path) {
     std::string host = impl_->place(path);
     std::error_code ec;
     fs::remove_all(host, ec);
@@ -635,40 +603,34 @@ Host& Host::symlink(std::string target, std::string path)
     return *this;
 }
 
-Host& Host::copy(std::string from, std::string path, mode_t mode)
-{
+Host& Host::copy(std::string from, std::string path, mode_t mode) {
     std::string content = slurp(from).value_or("");
     if (!fs::exists(from))
         fail("no file " + from + " to copy into the host");
     return file(path, content, mode);
 }
 
-Host& Host::remove(std::string path)
-{
+Host& Host::remove(std::string path) {
     preview::make_whiteout(impl_->place(path));
     return *this;
 }
 
-Host& Host::tool_missing(std::string name)
-{
+Host& Host::tool_missing(std::string name) {
     remove("/usr/bin/" + name);
     return remove("/usr/sbin/" + name);
 }
 
-Host& Host::stub(std::string name)
-{
+Host& Host::stub(std::string name) {
     symlink("/usr/lib/lab/stub", "/usr/bin/" + name);
     return symlink("/usr/lib/lab/stub", "/usr/sbin/" + name);
 }
 
-Host& Host::tool_fails(std::string name, int status, std::string output)
-{
+Host& Host::tool_fails(std::string name, int status, std::string output) {
     stub(name);
     return answer(name, "*", status, output);
 }
 
-Host& Host::answer(std::string tool, std::string args, int status, std::string out, int times, std::string err)
-{
+Host& Host::answer(std::string tool, std::string args, int status, std::string out, int times, std::string err) {
     // systemctl is the preview's stand-in until a test tells it what to answer.
     if (tool == "systemctl")
         stub(tool);
@@ -686,20 +648,17 @@ Host& Host::answer(std::string tool, std::string args, int status, std::string o
     return *this;
 }
 
-Host& Host::module_result(std::string module, int err)
-{
+Host& Host::module_result(std::string module, int err) {
     impl_->set_module_result(module, "load", err);
     return *this;
 }
 
-Host& Host::unload_result(std::string module, int err)
-{
+Host& Host::unload_result(std::string module, int err) {
     impl_->set_module_result(module, "unload", err);
     return *this;
 }
 
-Host& Host::package(std::string dir)
-{
+Host& Host::package(std::string dir) {
     // The package as the build assembled it: the sample payload with our
     // programs in it, the installer and the preview at its root.
     std::string from = LAB_PACKAGE_DIR;
@@ -720,8 +679,7 @@ Host& Host::package(std::string dir)
 namespace {
 
 // Lays an upper directory over a layer, the way the overlay shows the two.
-void fold(const std::string& upper, const std::string& layer)
-{
+void fold(const std::string& upper, const std::string& layer) {
     std::error_code listed;
     for (const auto& entry : fs::directory_iterator(upper, listed)) {
         const std::string name = entry.path().filename().string();
@@ -748,8 +706,7 @@ void fold(const std::string& upper, const std::string& layer)
 
 }  // namespace
 
-Host& Host::settle()
-{
+Host& Host::settle() {
     const auto box = impl_->sandbox();
     for (const auto& u : preview::uppers_of(box))
         fold(u.dir, impl_->fixture() + (u.at.empty() ? "" : preview::to_path(u.at)));
@@ -759,14 +716,12 @@ Host& Host::settle()
     return *this;
 }
 
-Host& Host::keep(bool k)
-{
+Host& Host::keep(bool k) {
     impl_->keep = k;
     return *this;
 }
 
-RunResult Host::run(std::vector<std::string> argv, RunOptions options)
-{
+RunResult Host::run(std::vector<std::string> argv, RunOptions options) {
     if (!impl_->kernel_set)
         kernel(impl_->release);
     impl_->sync_sys_modules();
@@ -821,40 +776,34 @@ RunResult Host::run(std::vector<std::string> argv, RunOptions options)
     return r;
 }
 
-RunResult Host::shell(std::string script, RunOptions options)
-{
+RunResult Host::shell(std::string script, RunOptions options) {
     return run({"bash", "-c", script}, std::move(options));
 }
 
-RunResult Host::install(std::vector<std::string> args, RunOptions options)
-{
+RunResult Host::install(std::vector<std::string> args, RunOptions options) {
     options.cwd = impl_->package_dir;
     std::vector<std::string> argv = {"./quorl-driver-installer"};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv, std::move(options));
 }
 
-std::optional<std::string> Host::read(std::string path) const
-{
+std::optional<std::string> Host::read(std::string path) const {
     auto e = preview::resolve(impl_->view(), path, true);
     if (!e || !S_ISREG(e->st.st_mode))
         return std::nullopt;
     return slurp(e->host);
 }
 
-bool Host::exists(std::string path) const
-{
+bool Host::exists(std::string path) const {
     return preview::resolve(impl_->view(), path, true).has_value();
 }
 
-bool Host::is_symlink(std::string path) const
-{
+bool Host::is_symlink(std::string path) const {
     auto e = preview::resolve(impl_->view(), path, false);
     return e && S_ISLNK(e->st.st_mode);
 }
 
-std::optional<std::string> Host::link_target(std::string path) const
-{
+std::optional<std::string> Host::link_target(std::string path) const {
     auto e = preview::resolve(impl_->view(), path, false);
     if (!e || !S_ISLNK(e->st.st_mode))
         return std::nullopt;
@@ -862,14 +811,12 @@ std::optional<std::string> Host::link_target(std::string path) const
     return fs::read_symlink(e->host, ec).string();
 }
 
-mode_t Host::mode(std::string path) const
-{
+mode_t Host::mode(std::string path) const {
     auto e = preview::resolve(impl_->view(), path, true);
     return e ? e->st.st_mode & 07777 : 0;
 }
 
-std::vector<std::string> Host::list(std::string dir) const
-{
+std::vector<std::string> Host::list(std::string dir) const {
     Components canon;
     auto e = preview::resolve(impl_->view(), dir, true, &canon);
     if (!e)
@@ -877,78 +824,65 @@ std::vector<std::string> Host::list(std::string dir) const
     return preview::list(impl_->view(), canon);
 }
 
-std::vector<Change> Host::changes() const
-{
+std::vector<Change> Host::changes() const {
     std::vector<Change> out;
     for (const auto& d : preview::changes_of(impl_->sandbox()))
         out.push_back({d.kind, d.path});
     return out;
 }
 
-std::vector<std::string> Host::calls(std::string tool) const
-{
+std::vector<std::string> Host::calls(std::string tool) const {
     return lines_of(slurp(impl_->dir + "/run/calls/" + tool).value_or(""));
 }
 
-std::string Host::kernel_log() const
-{
+std::string Host::kernel_log() const {
     return slurp(impl_->dir + "/run/kmsg").value_or("");
 }
 
-std::string Host::proc_modules() const
-{
+std::string Host::proc_modules() const {
     return slurp(impl_->dir + "/proc/modules").value_or("");
 }
 
-std::string Host::log() const
-{
+std::string Host::log() const {
     return read("/var/log/vantoriaquorl/driver_installer.log").value_or("");
 }
 
-std::string Host::record() const
-{
+std::string Host::record() const {
     return read("/var/log/vantoriaquorl/uninstall/.driver_uninstall_manifests").value_or("");
 }
 
-std::string Host::dir() const
-{
+std::string Host::dir() const {
     return impl_->dir;
 }
 
-std::string Host::release() const
-{
+std::string Host::release() const {
     return impl_->release;
 }
 
-std::string Host::package_dir() const
-{
+std::string Host::package_dir() const {
     return impl_->package_dir;
 }
 
-std::optional<std::string> Host::locate(std::string path) const
-{
+std::optional<std::string> Host::locate(std::string path) const {
     auto e = preview::resolve(impl_->view(), path, false);
     if (!e)
         return std::nullopt;
     return e->host;
 }
 
-bool lab_available(std::string* why)
-{
+bool lab_available(std::string* why) {
     static const std::string reason = preview::sandbox_obstacle();
     if (why)
         *why = reason;
     return reason.empty();
 }
 
-std::string machine_release()
-{
+std::string machine_release() {
     struct utsname u;
     return ::uname(&u) == 0 ? u.release : "";
 }
 
-preview::ModuleJournal Host::module_events() const
-{
+preview::ModuleJournal Host::module_events() const {
     return preview::read_module_journal(impl_->dir);
 }
 

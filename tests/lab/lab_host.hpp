@@ -175,8 +175,7 @@ std::string machine_release();
 // Whether a test may skip for what this machine lacks: on a developer's
 // machine, yes; under CI (CI=true), never, so that a suite that cannot run
 // fails loudly instead of passing green.
-inline bool skips_allowed()
-{
+inline bool skips_allowed() {
     const char* ci = std::getenv("CI");
     return !(ci && std::string(ci) == "true");
 }

@@ -31,14 +31,12 @@
 
 namespace {
 
-int usage()
-{
+int usage() {
     std::cerr << "usage: lab-run [--name NAME] [--release R] [--discard] [--report] [--preview] [--install] [--life] [-- COMMAND...]\n";
     return 2;
 }
 
-void section(const std::string& title, const std::string& text)
-{
+void section(const std::string& title, const std::string& text) {
     std::cout << "== " << title << "\n" << (text.empty() ? "(empty)\n" : text);
     if (!text.empty() && text.back() != '\n')
         std::cout << "\n";
@@ -46,8 +44,7 @@ void section(const std::string& title, const std::string& text)
 
 }  // namespace
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     std::string name = "lab-run", release = lab::machine_release();
     bool discard = false, report = false, install = false, preview = false, life = false;
     std::vector<std::string> command;

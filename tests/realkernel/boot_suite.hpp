@@ -17,22 +17,19 @@ protected:
     static GuestBoot& boot() { return *boot_; }
 
     // Called from the suite's SetUpTestSuite with the boot it describes.
-    static void start(GuestBoot boot)
-    {
+    static void start(GuestBoot boot) {
         boot_ = std::make_unique<GuestBoot>(std::move(boot));
         reached_end_ = boot_->run();
         failed_ = false;
     }
 
-    static void TearDownTestSuite()
-    {
+    static void TearDownTestSuite() {
         if (boot_)
             boot_->finish(failed_);
         boot_.reset();
     }
 
-    void SetUp() override
-    {
+    void SetUp() override {
         ASSERT_TRUE(boot_) << "the suite started no boot";
         ASSERT_TRUE(reached_end_) << "the guest did not run all its scenarios:\n" << boot_->summary();
     }
@@ -45,4 +42,4 @@ private:
     static inline bool failed_ = false;
 };
 
-} // namespace realkernel
+}  // namespace realkernel

@@ -22,8 +22,7 @@ struct Outcome {
 };
 
 // Runs a program and gathers what it prints on both streams.
-Outcome run_program(const std::vector<std::string>& argv)
-{
+Outcome run_program(const std::vector<std::string>& argv) {
     Outcome outcome;
     int pipe_fds[2];
     if (pipe(pipe_fds) != 0)
@@ -58,44 +57,37 @@ Outcome run_program(const std::vector<std::string>& argv)
     return outcome;
 }
 
-} // namespace
+}  // namespace
 
 GuestBoot::GuestBoot(std::string name)
-    : name_(std::move(name)), dir_(binary_dir + "/runs/" + name_)
-{
-    // What every scenario may use: the installer and the preview of this
-    // build, and the sample package.
+    : name_(std::move(name)), dir_(binary_dir + "/runs/" + name_) {
+    // What every scenario may use: the package as this build assembled it.
     env("RK_PACKAGE", RK_PACKAGE_DIR);
 }
 
-GuestBoot& GuestBoot::kernel_args(std::string args)
-{
+GuestBoot& GuestBoot::kernel_args(std::string args) {
     kernel_args_.push_back(std::move(args));
     return *this;
 }
 
-GuestBoot& GuestBoot::scenario(std::string script)
-{
+GuestBoot& GuestBoot::scenario(std::string script) {
     if (!script.starts_with("/"))
         script = source_dir + "/scenarios/" + script;
     scenarios_.push_back(std::move(script));
     return *this;
 }
 
-GuestBoot& GuestBoot::env(std::string name, std::string value)
-{
+GuestBoot& GuestBoot::env(std::string name, std::string value) {
     env_.push_back(name + "=" + value);
     return *this;
 }
 
-GuestBoot& GuestBoot::timeout(std::chrono::seconds limit)
-{
+GuestBoot& GuestBoot::timeout(std::chrono::seconds limit) {
     timeout_ = limit;
     return *this;
 }
 
-bool GuestBoot::run()
-{
+bool GuestBoot::run() {
     std::vector<std::string> argv = {source_dir + "/harness/boot.sh",
                                      "--cache", binary_dir + "/cache",
                                      "--run-dir", dir_,
@@ -117,13 +109,11 @@ bool GuestBoot::run()
     return read_text(dir_ + "/serial.log").value_or("").find("\nRK-BOOT-END") != std::string::npos;
 }
 
-std::string GuestBoot::release() const
-{
+std::string GuestBoot::release() const {
     return guest_env("RK_RELEASE").value_or("");
 }
 
-std::optional<std::string> GuestBoot::guest_env(std::string_view name) const
-{
+std::optional<std::string> GuestBoot::guest_env(std::string_view name) const {
     std::optional<std::string> value;
     // The last assignment wins, as when the guest sources the file.
     for (const auto& line : lines(read_text(dir_ + "/share/env").value_or(""))) {
@@ -133,8 +123,7 @@ std::optional<std::string> GuestBoot::guest_env(std::string_view name) const
     return value;
 }
 
-std::optional<int> GuestBoot::exit_status(std::string_view scenario) const
-{
+std::optional<int> GuestBoot::exit_status(std::string_view scenario) const {
     // boot.sh has read the markers off the serial console into "results".
     std::istringstream results(read_text(dir_ + "/results").value_or(""));
     std::string name, status;
@@ -145,26 +134,22 @@ std::optional<int> GuestBoot::exit_status(std::string_view scenario) const
     return std::nullopt;
 }
 
-std::optional<std::string> GuestBoot::fact(std::string_view scenario, std::string_view name) const
-{
+std::optional<std::string> GuestBoot::fact(std::string_view scenario, std::string_view name) const {
     auto text = file(scenario, "facts/" + std::string(name));
     if (text && text->ends_with('\n'))
         text->pop_back();
     return text;
 }
 
-std::optional<std::string> GuestBoot::file(std::string_view scenario, std::string_view path) const
-{
+std::optional<std::string> GuestBoot::file(std::string_view scenario, std::string_view path) const {
     return read_text(dir_ + "/share/out/" + std::string(scenario) + "/" + std::string(path));
 }
 
-std::string GuestBoot::where(std::string_view scenario) const
-{
+std::string GuestBoot::where(std::string_view scenario) const {
     return "see " + dir_ + "/share/out/" + std::string(scenario) + "/output.txt and " + dir_ + "/serial.log";
 }
 
-void GuestBoot::finish(bool failed) const
-{
+void GuestBoot::finish(bool failed) const {
     if (failed) {
         std::cout << "realkernel: serial log and guest files kept in " << dir_ << "\n";
         return;
@@ -173,8 +158,7 @@ void GuestBoot::finish(bool failed) const
     std::filesystem::remove_all(dir_, ignored);
 }
 
-std::optional<std::string> read_text(const std::string& path)
-{
+std::optional<std::string> read_text(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in)
         return std::nullopt;
@@ -183,16 +167,14 @@ std::optional<std::string> read_text(const std::string& path)
     return text.str();
 }
 
-int check_guests(std::string* why)
-{
+int check_guests(std::string* why) {
     Outcome outcome = run_program({source_dir + "/harness/prepare.sh", "--check", binary_dir + "/cache"});
     if (outcome.status != 0 && why)
         *why = outcome.output;
     return outcome.status;
 }
 
-std::vector<std::string> lines(std::string_view text)
-{
+std::vector<std::string> lines(std::string_view text) {
     std::vector<std::string> result;
     while (!text.empty()) {
         auto end = text.find('\n');
@@ -204,4 +186,4 @@ std::vector<std::string> lines(std::string_view text)
     return result;
 }
 
-} // namespace realkernel
+}  // namespace realkernel

@@ -19,8 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string text(const GuestBoot& boot, const char* scenario, const std::string& fact)
-{
+std::string text(const GuestBoot& boot, const char* scenario, const std::string& fact) {
     return boot.file(scenario, "facts/" + fact).value_or("(no fact " + fact + ")");
 }
 std::string installed_module(const GuestBoot& boot) { return "/lib/modules/" + boot.release() + "/kernel/drivers/misc/vantoria.ko"; }
@@ -30,8 +29,7 @@ protected:
     static void SetUpTestSuite() { start(std::move(GuestBoot("manual").scenario("install_manual.sh").timeout(660s))); }
 };
 
-TEST_F(ManualInstallBoot, KbuildBuildsTheModuleAndTheKernelLoadsIt)
-{
+TEST_F(ManualInstallBoot, KbuildBuildsTheModuleAndTheKernelLoadsIt) {
     ASSERT_EQ(boot().exit_status("install_manual"), 0) << boot().where("install_manual");
     expect_facts(boot(), "install_manual",
                  {{"install.status", "0"}, {"first_module", "vantoria"}, {"version", "3.2.1"},
@@ -41,8 +39,7 @@ TEST_F(ManualInstallBoot, KbuildBuildsTheModuleAndTheKernelLoadsIt)
         EXPECT_FALSE(std::filesystem::exists(path)) << path << " reached this machine";
 }
 
-TEST_F(ManualInstallBoot, AgainTheRealRmmodTakesItOutBeforeItComesBack)
-{
+TEST_F(ManualInstallBoot, AgainTheRealRmmodTakesItOutBeforeItComesBack) {
     // The kernel saw the module come, go with rmmod, and come back.
     expect_facts(boot(), "install_manual",
                  {{"again.status", "0"}, {"first_module_again", "vantoria"}, {"loads", "2"}, {"unloads", "1"}});
@@ -51,15 +48,13 @@ TEST_F(ManualInstallBoot, AgainTheRealRmmodTakesItOutBeforeItComesBack)
 // A kernel booted with module.sig_enforce=1, and no key given.
 class SignedInstallBoot : public BootSuite<SignedInstallBoot> {
 protected:
-    static void SetUpTestSuite()
-    {
+    static void SetUpTestSuite() {
         start(std::move(
             GuestBoot("sig_enforce").kernel_args("module.sig_enforce=1").scenario("install_signed.sh").timeout(480s)));
     }
 };
 
-TEST_F(SignedInstallBoot, TheKernelRefusesTheGeneratedKeyAndTheRunEndsIn50)
-{
+TEST_F(SignedInstallBoot, TheKernelRefusesTheGeneratedKeyAndTheRunEndsIn50) {
     ASSERT_EQ(boot().exit_status("install_signed"), 0) << boot().where("install_signed");
     expect_facts(boot(), "install_signed",
                  {{"enforced", "Y"},
@@ -76,8 +71,7 @@ protected:
     static void SetUpTestSuite() { start(std::move(GuestBoot("dkms").scenario("install_dkms.sh").timeout(1020s))); }
 };
 
-TEST_F(DkmsInstallBoot, TheRealDkmsBuildsInstallsAndTheModuleLoads)
-{
+TEST_F(DkmsInstallBoot, TheRealDkmsBuildsInstallsAndTheModuleLoads) {
     ASSERT_EQ(boot().exit_status("install_dkms"), 0) << boot().where("install_dkms");
     const std::string release = boot().release();
     expect_facts(boot(), "install_dkms",
@@ -90,8 +84,7 @@ TEST_F(DkmsInstallBoot, TheRealDkmsBuildsInstallsAndTheModuleLoads)
                   {"built", "vantoria.ko vnt_peer_mem_drv.ko "}});
 }
 
-TEST_F(DkmsInstallBoot, TheStatusSeesTheLoadedModuleAndTheUninstallerTakesItOut)
-{
+TEST_F(DkmsInstallBoot, TheStatusSeesTheLoadedModuleAndTheUninstallerTakesItOut) {
     const char* scenario = "install_dkms";
     const auto status = nlohmann::json::parse(text(boot(), scenario, "status_installed.out"), nullptr, false);
     EXPECT_EQ(status["status"], 0) << status.dump(2) << boot().where(scenario);
@@ -106,8 +99,7 @@ TEST_F(DkmsInstallBoot, TheStatusSeesTheLoadedModuleAndTheUninstallerTakesItOut)
 }
 
 // A snapshot fact (rk_snapshot): each path with its "TYPE CONTENT".
-std::map<std::string, std::string> snapshot(const GuestBoot& boot, const std::string& fact)
-{
+std::map<std::string, std::string> snapshot(const GuestBoot& boot, const std::string& fact) {
     std::map<std::string, std::string> entries;
     std::istringstream lines(text(boot, "install_dkms", fact));
     for (std::string line; std::getline(lines, line);) {
@@ -118,8 +110,7 @@ std::map<std::string, std::string> snapshot(const GuestBoot& boot, const std::st
 }
 
 // The preview ran first in the same fresh root, the real dkms and depmod in it.
-TEST_F(DkmsInstallBoot, ThePreviewLeftTheGuestAsItWasAndToldWhatTheInstallationThenDid)
-{
+TEST_F(DkmsInstallBoot, ThePreviewLeftTheGuestAsItWasAndToldWhatTheInstallationThenDid) {
     const char* scenario = "install_dkms";
     EXPECT_EQ(text(boot(), scenario, "after_preview"), text(boot(), scenario, "before_preview"));
     EXPECT_EQ(text(boot(), scenario, "modules_after_preview"), text(boot(), scenario, "modules_before_preview"));
@@ -154,5 +145,5 @@ TEST_F(DkmsInstallBoot, ThePreviewLeftTheGuestAsItWasAndToldWhatTheInstallationT
     EXPECT_EQ(previewed, installed) << boot().where(scenario);
 }
 
-} // namespace
-} // namespace realkernel
+}  // namespace
+}  // namespace realkernel

@@ -7,8 +7,7 @@
 
 #include "guest_boot.hpp"
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     std::string why;
     int status = realkernel::check_guests(&why);

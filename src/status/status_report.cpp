@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "app/constants.hpp"
+#include "kmod/module_trees.hpp"
 #include "system/service_removal.hpp"
 
 namespace {
@@ -116,15 +117,11 @@ bool dep_lists_module(const std::string& modules_dep, const std::string& module)
 }
 
 std::vector<std::string> module_kernels(const std::vector<ManifestEntry>& entries) {
-    std::set<std::string> releases;
-    const std::string modules_root = "/lib/modules/";
+    std::vector<std::string> files;
     for (const ManifestEntry& entry : entries) {
-        if (entry.type != "FILE" || !entry.path.starts_with(modules_root)) continue;
-        const size_t end = entry.path.find('/', modules_root.size());
-        if (end != std::string::npos && end > modules_root.size())
-            releases.insert(entry.path.substr(modules_root.size(), end - modules_root.size()));
+        if (entry.type == "FILE") files.push_back(entry.path);
     }
-    return {releases.begin(), releases.end()};
+    return module_tree_releases(files);
 }
 
 StatusReport judge_status(const Observations& seen) {

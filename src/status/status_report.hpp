@@ -44,7 +44,7 @@ std::string installed_version(const std::vector<ManifestEntry>& entries);
 std::vector<std::string> listed_modules(const std::string& proc_modules);
 // Whether modules.dep has a line for `module`.ko (plain or compressed).
 bool dep_lists_module(const std::string& modules_dep, const std::string& module);
-// The releases R of the record's FILE lines under /lib/modules/R/, sorted.
+// The releases R of the record's FILE lines under /lib/modules/R/ (or /usr/lib/modules/R/), sorted.
 std::vector<std::string> module_kernels(const std::vector<ManifestEntry>& entries);
 
 // What the host showed at a recorded path.

@@ -2,7 +2,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <sstream>
 
 #include "app/constants.hpp"
@@ -36,18 +35,4 @@ std::string outcome_json(const UninstallOutcome& outcome) {
     j["log"] = uninstaller_log_path;
     if (!outcome.message.empty()) j["message"] = outcome.message;
     return j.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
-}
-
-std::vector<std::string> module_tree_releases(const std::vector<std::string>& paths) {
-    std::vector<std::string> releases;
-    for (const std::string& path : paths) {
-        for (const std::string tree : {"/lib/modules/", "/usr/lib/modules/"}) {
-            if (path.rfind(tree, 0) != 0) continue;
-            const size_t end = path.find('/', tree.size());
-            if (end == std::string::npos || end == tree.size()) continue;
-            const std::string release = path.substr(tree.size(), end - tree.size());
-            if (std::find(releases.begin(), releases.end(), release) == releases.end()) releases.push_back(release);
-        }
-    }
-    return releases;
 }

@@ -20,6 +20,3 @@ struct UninstallOutcome {
 std::string outcome_text(const UninstallOutcome&);
 // One JSON object: status, modules_unloaded, services, dkms, removed, kept, log (and message when it stopped).
 std::string outcome_json(const UninstallOutcome&);
-
-// The releases whose module tree (/lib/modules/R or /usr/lib/modules/R) holds one of `paths`.
-std::vector<std::string> module_tree_releases(const std::vector<std::string>& paths);

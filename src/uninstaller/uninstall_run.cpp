@@ -13,6 +13,7 @@
 #include "host/files.hpp"
 #include "host/system_utilities.hpp"
 #include "kmod/loaded_modules.hpp"
+#include "kmod/module_trees.hpp"
 #include "record/install_record.hpp"
 #include "record/run_state.hpp"
 #include "record/uninstall_engine.hpp"

@@ -65,6 +65,8 @@ TEST_P(Lifecycle, InstalledReportedEditedRemovedAndInstalledAgain) {
         EXPECT_FALSE(present(host, line) || host.is_symlink(line.path)) << line.type << " " << line.path;
     }
     EXPECT_EQ(host.run({"dkms", "status"}).out, "");
+    // The module index no longer leads modprobe to the module.
+    EXPECT_TRUE(lacks(host.read("/lib/modules/" + release + "/modules.dep").value_or(""), "vantoria"));
 
     // The host as it was before the installation, but for the edited file,
     // the two logs and the module index that depmod rewrote.

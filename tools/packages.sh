@@ -7,7 +7,7 @@ packages=(
   kmod dkms openssl libcap2-bin binutils util-linux procps file
   qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static xz-utils
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
-  libssl-dev makeself
+  libssl-dev makeself libseccomp-dev libcap-dev
   ansible-core python3-voluptuous python3-yaml python3-pycodestyle yamllint pylint
 )
 missing=()

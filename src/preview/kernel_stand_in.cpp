@@ -3,10 +3,7 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <grp.h>
-#include <linux/audit.h>
-#include <linux/capability.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
+#include <seccomp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -23,7 +20,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -33,6 +29,8 @@
 #include <set>
 #include <sstream>
 
+#include "preview/confinement.hpp"
+#include "preview/syscall_filter.hpp"
 #include "preview/text_files.hpp"
 
 extern char** environ;
@@ -42,14 +40,6 @@ namespace preview {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr int nr_uname = 63;
-constexpr int nr_reboot = 169;
-constexpr int nr_init_module = 175;
-constexpr int nr_delete_module = 176;
-constexpr int nr_kexec_load = 246;
-constexpr int nr_finit_module = 313;
-constexpr int nr_kexec_file_load = 320;
 
 constexpr uint64_t max_image = 256u << 20;
 constexpr unsigned long long module_base = 0xffffffffc0a00000ULL;
@@ -66,10 +56,10 @@ public:
 
     long answer(const seccomp_notif& req) {
         switch (req.data.nr) {
-        case nr_init_module: return init_module(req);
-        case nr_finit_module: return finit_module(req);
-        case nr_delete_module: return delete_module(req);
-        case nr_uname: return uname(req);
+        case SYS_init_module: return init_module(req);
+        case SYS_finit_module: return finit_module(req);
+        case SYS_delete_module: return delete_module(req);
+        case SYS_uname: return uname(req);
         default: return ENOSYS;
         }
     }
@@ -298,32 +288,6 @@ private:
     }
 };
 
-int install_filter(bool with_uname) {
-    auto jump_to = [](uint32_t nr, size_t to) {
-        sock_filter jump = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, nr, static_cast<uint8_t>(to), 0);
-        return jump;
-    };
-    std::vector<sock_filter> code = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 1, 0),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-    };
-    // Calls handed to us, then calls refused; the three returns follow them.
-    std::vector<uint32_t> notify = {nr_init_module, nr_finit_module, nr_delete_module};
-    if (with_uname) notify.push_back(nr_uname);
-    const std::vector<uint32_t> refuse = {nr_reboot, nr_kexec_load, nr_kexec_file_load};
-    const size_t tests = notify.size() + refuse.size();
-    for (size_t i = 0; i < notify.size(); ++i) code.push_back(jump_to(notify[i], tests + 1 - i));
-    for (size_t i = 0; i < refuse.size(); ++i) code.push_back(jump_to(refuse[i], refuse.size() - i));
-    code.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-    code.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (EPERM & SECCOMP_RET_DATA)));
-    code.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
-    sock_fprog prog{static_cast<unsigned short>(code.size()), code.data()};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return -1;
-    return static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &prog));
-}
-
 // One byte carrying one descriptor: the listener, handed from the command to pid 1.
 struct FdMessage {
     char byte = 0;
@@ -363,7 +327,11 @@ int recv_fd(int sock) {
     _exit(status);
 }
 
-[[noreturn]] void start_command(const Command& c, bool answer_kernel, bool with_uname, int sock,
+// Runs in the command's process, forked from pid 1; ends in the command's
+// program.  Confined, it reaches nothing outside the view; otherwise (a
+// sandbox of its own, as a preview in the lab is) it keeps what building one
+// needs.
+[[noreturn]] void start_command(const Command& c, bool confined, bool with_uname, int sock, const std::string& console,
                                 const sigset_t& oldmask) {
     if (!c.cgroup.empty()) {
         // Only the command's own process sees the chosen cgroup, as a
@@ -372,23 +340,23 @@ int recv_fd(int sock) {
         if (mount(c.cgroup.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
             fail_in_command("bind the cgroup file", 125);
     }
-    if (chroot(c.root.c_str()) != 0) fail_in_command("chroot", 125);
+    std::string step;
+    if (!enter_view(c.root, &step)) fail_in_command(step, 125);
     if (chdir(c.cwd.c_str()) != 0) fail_in_command("cannot enter " + c.cwd, 125);
-    // The command may do what an installer does, but not make device nodes
-    // (the machine's disks), load modules behind our back, reboot, or touch
-    // raw I/O and the clock of the machine it shares.
-    for (int cap : {CAP_MKNOD, CAP_SYS_MODULE, CAP_SYS_BOOT, CAP_SYS_RAWIO, CAP_SYS_TIME}) {
-        if (prctl(PR_CAPBSET_DROP, cap, 0, 0, 0) != 0) fail_in_command("drop a capability", 125);
-    }
+    if (confined && !enter_child_user_namespace(sock)) fail_in_command("a user namespace of its own", 125);
+    if (!drop_privileges()) fail_in_command("drop privileges", 125);
+    if (setsid() < 0 || (!console.empty() && !take_console(console))) fail_in_command("a console of its own", 125);
     if (c.gid != 0 && (setgroups(0, nullptr) != 0 || setgid(c.gid) != 0)) fail_in_command("setgid", 125);
     if (c.uid != 0 && setuid(c.uid) != 0) fail_in_command("setuid", 125);
-    if (answer_kernel) {
-        int listener = install_filter(with_uname);
+    if (confined) {
+        int listener = load_syscall_filter(with_uname);
         if (listener < 0) fail_in_command("seccomp user notification", 125);
         if (!send_fd(sock, listener)) fail_in_command("hand over the listener", 125);
         close(listener);
     }
     close(sock);
+    // Nothing of pid 1's or the preview's reaches the program but its streams.
+    close_range(3, ~0U, 0);
     sigprocmask(SIG_SETMASK, &oldmask, nullptr);
     std::vector<std::string> env = c.env;
     std::vector<char*> argv, envp;
@@ -399,6 +367,30 @@ int recv_fd(int sock) {
     environ = envp.data();  // so that the search below uses the command's PATH
     execvp(argv[0], argv.data());
     fail_in_command("cannot run " + c.argv[0], 127);
+}
+
+void write_all(int fd, const char* buf, ssize_t n) {
+    for (ssize_t done = 0; done < n;) {
+        ssize_t w = write(fd, buf + done, static_cast<size_t>(n - done));
+        if (w <= 0) break;
+        done += w;
+    }
+}
+
+// Copies what there is to read from `from` to `to`; false at its end.
+bool pass_on(int from, int to) {
+    char buf[4096];
+    ssize_t n = read(from, buf, sizeof buf);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return true;
+    if (n <= 0) return false;
+    write_all(to, buf, n);
+    return true;
+}
+
+// All that `from`, a non-blocking descriptor, holds now.
+void drain(int from, int to) {
+    char buf[4096];
+    for (ssize_t n; (n = read(from, buf, sizeof buf)) > 0;) write_all(to, buf, n);
 }
 
 int decode(int status) {
@@ -415,49 +407,66 @@ int serve_as_kernel(const std::string& state, bool answer_kernel, const Command&
         std::fprintf(stderr, "quorl-driver-preview: %s: %s\n", what, std::strerror(errno));
         return 125;
     };
+    // Nothing in the view may read this process's memory or trace it: it
+    // holds the administrator's streams and answers for the kernel.
+    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    // Read from the background, the terminal gives an error instead of a stop.
+    signal(SIGTTIN, SIG_IGN);
     sigset_t chld, oldmask;
     sigemptyset(&chld);
     sigaddset(&chld, SIGCHLD);
     sigprocmask(SIG_BLOCK, &chld, &oldmask);
     int sigfd = signalfd(-1, &chld, SFD_CLOEXEC | SFD_NONBLOCK);
     if (sigfd < 0) return fail("signalfd");
+    Console console;
+    if (!open_console(command.root + "/dev/pts", &console)) return fail("a console for the view");
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return fail("socketpair");
     pid_t child = fork();
     if (child < 0) return fail("fork");
     if (child == 0) {
         close(sv[0]);
-        close(sigfd);
-        start_command(command, answer_kernel, kernel.answers_uname(), sv[1], oldmask);
+        start_command(command, answer_kernel, kernel.answers_uname(), sv[1], console.path, oldmask);
     }
     close(sv[1]);
+    if (answer_kernel && !map_every_id(sv[0], command.root + "/run/realproc", child)) return fail("map the user ids");
     int listener = answer_kernel ? recv_fd(sv[0]) : -1;
     close(sv[0]);
 
-    seccomp_notif_sizes sizes{};
-    if (listener >= 0 && syscall(SYS_seccomp, SECCOMP_GET_NOTIF_SIZES, 0, &sizes) != 0) return fail("seccomp sizes");
-    std::vector<char> req_buf(std::max<size_t>(sizes.seccomp_notif, sizeof(seccomp_notif)));
-    std::vector<char> resp_buf(std::max<size_t>(sizes.seccomp_notif_resp, sizeof(seccomp_notif_resp)));
-    auto* req = reinterpret_cast<seccomp_notif*>(req_buf.data());
-    auto* resp = reinterpret_cast<seccomp_notif_resp*>(resp_buf.data());
+    seccomp_notif* req = nullptr;
+    seccomp_notif_resp* resp = nullptr;
+    if (listener >= 0 && seccomp_notify_alloc(&req, &resp) != 0) return fail("seccomp notification buffers");
+    // The administrator's terminal, when standard input is one, is read here
+    // and passed on to the view's console.
+    int input = isatty(0) ? 0 : -1;
+    fcntl(console.master, F_SETFL, O_NONBLOCK);
 
     for (;;) {
-        pollfd fds[2] = {{sigfd, POLLIN, 0}, {listener, POLLIN, 0}};
-        int n = poll(fds, listener >= 0 ? 2 : 1, -1);
+        pollfd fds[4] = {{sigfd, POLLIN, 0}, {console.master, POLLIN, 0}, {input, POLLIN, 0}, {listener, POLLIN, 0}};
+        int n = poll(fds, 4, -1);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return fail("poll");
-        if (listener >= 0 && (fds[1].revents & POLLIN)) {
-            std::fill(req_buf.begin(), req_buf.end(), 0);
-            if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, req) == 0) {
+        if (fds[3].revents & POLLIN) {
+            // The kernel takes only a zeroed buffer.
+            std::memset(req, 0, sizeof *req);
+            if (seccomp_notify_receive(listener, req) == 0) {
                 long err = kernel.answer(*req);
-                std::fill(resp_buf.begin(), resp_buf.end(), 0);
                 resp->id = req->id;
+                resp->val = 0;
+                resp->flags = 0;
                 resp->error = err ? static_cast<int32_t>(-err) : 0;
-                ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, resp);
+                seccomp_notify_respond(listener, resp);
             }
-        } else if (listener >= 0 && (fds[1].revents & (POLLHUP | POLLERR))) {
+        } else if (fds[3].revents & (POLLHUP | POLLERR)) {
             close(listener);
             listener = -1;
+        }
+        if (fds[1].revents & POLLIN) pass_on(console.master, 1);
+        if ((fds[2].revents & (POLLIN | POLLHUP | POLLERR)) && !pass_on(input, console.master)) {
+            // The end of the input reaches the view's console as an end of file.
+            const char eof = 4;
+            (void)!write(console.master, &eof, 1);
+            input = -1;
         }
         if (fds[0].revents & POLLIN) {
             signalfd_siginfo si;
@@ -467,7 +476,10 @@ int serve_as_kernel(const std::string& state, bool answer_kernel, const Command&
             pid_t p;
             // As pid 1 we also reap every orphan of the namespace.
             while ((p = waitpid(-1, &status, WNOHANG)) > 0) {
-                if (p == child) return decode(status);
+                if (p != child) continue;
+                drain(console.master, 1);
+                seccomp_notify_free(req, resp);
+                return decode(status);
             }
         }
     }

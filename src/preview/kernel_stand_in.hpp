@@ -31,9 +31,11 @@ struct Command {
     std::string cgroup;  // a file shown as the command's own /proc/self/cgroup; empty: the real one
 };
 
-// Runs as pid 1 of the sandbox: starts the command in `command.root` and,
-// with `answer_kernel`, plays the kernel for it from `state`.  Returns the
-// command's exit status, or 128+signal.  Reaps every orphan meanwhile.
+// Runs as pid 1 of the sandbox: starts the command with `command.root` as its
+// root, in a session of its own whose console pid 1 relays, and, with
+// `answer_kernel`, confines it and plays the kernel for it from `state`.
+// Returns the command's exit status, or 128+signal.  Reaps every orphan
+// meanwhile.
 int serve_as_kernel(const std::string& state, bool answer_kernel, const Command& command);
 
 // Makes `sys_module` list the modules of a /proc/modules text, as the

@@ -72,6 +72,11 @@ bool prepare_keep(const std::string& dir, std::string* error) {
         *error = "--keep " + dir + " is not empty";
         return false;
     }
+    // What the installation wrote, setuid programs among them, is for root alone.
+    if (chmod(dir.c_str(), 0700) != 0) {
+        *error = failure("--keep " + dir);
+        return false;
+    }
     return true;
 }
 
@@ -149,7 +154,7 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
         return false;
     }
     box->content = content_mounts();
-    if (mount("quorl-preview-scratch", scratch, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700") != 0) {
+    if (mount("quorl-preview-scratch", scratch, "tmpfs", MS_NOSUID | MS_NODEV, ("mode=0700,size=" + box->tmpfs_size).c_str()) != 0) {
         *error = failure("a scratch tmpfs");
         return false;
     }
@@ -157,7 +162,10 @@ bool prepare(const PreviewRequest& request, Sandbox* box, std::string* error) {
     box->stage = base + "/stage";
     box->state = base + "/state";
     box->changes = request.keep.empty() ? base + "/changes" : request.keep;
-    for (const auto& dir : {box->stage, box->state + "/proc", base + "/empty"}) fs::create_directories(dir);
+    // The view's /tmp, where builds often go, counts against the scratch's limit.
+    box->tmp = base + "/tmp";
+    for (const auto& dir : {box->stage, box->state + "/proc", base + "/empty", box->tmp}) fs::create_directories(dir);
+    chmod(box->tmp.c_str(), 01777);
     // The kernel as it is now: the module list, /sys/module after it, the command line.
     const std::string modules = read_text("/proc/modules");
     std::ofstream(box->state + "/proc/modules") << modules;
@@ -204,12 +212,14 @@ std::optional<Report> run_preview(const PreviewRequest& request, std::string* er
     }
     box.stdout_fd = out[1];
     box.stderr_fd = request.json ? out[1] : err[1];
+    const pid_t preview = getpid();
     pid_t runner = fork();
     if (runner < 0) {
         *error = failure("fork");
         return std::nullopt;
     }
     if (runner == 0) {
+        die_with(preview);
         close(out[0]);
         if (err[0] >= 0) close(err[0]);
         close(result[0]);

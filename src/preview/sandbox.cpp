@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
@@ -20,6 +21,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "preview/confinement.hpp"
 #include "preview/kernel_stand_in.hpp"
 #include "preview/text_files.hpp"
 
@@ -157,6 +159,10 @@ struct Setup {
     }
 };
 
+// Each tmpfs of the view is limited, so that a build cannot fill this
+// machine's memory.
+std::string size_option(const Sandbox& box) { return "size=" + box.tmpfs_size; }
+
 bool all_digits(const char* s) {
     for (; *s; ++s) {
         if (!std::isdigit(static_cast<unsigned char>(*s))) return false;
@@ -208,7 +214,12 @@ bool mount_overlays(Setup& s, const std::vector<Overlay>& overlays, const std::s
 // module list and the kernel command line can be plain files of the state.
 bool mount_proc(Setup& s, const Sandbox& box, const std::string& root) {
     std::string realproc = root + "/run/realproc";
-    if (!s.dir(realproc, 0555) || !s.mount("proc", realproc, "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC)) return false;
+    // A process the command may not trace is not listed at all: pid 1 is not,
+    // and its mounts, which are this machine's, are no part of the view.  The
+    // group that would see them all is the one id the view does not map.
+    if (!s.dir(realproc, 0555) || !s.mount("proc", realproc, "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC,
+                                           "hidepid=invisible,gid=" + std::to_string(unmapped_id)))
+        return false;
     // The sandbox shares this machine's kernel: its tunables, sysrq and the
     // hardware listings stay read-only, as container runtimes keep them.
     for (const char* guarded : {"sys", "sysrq-trigger", "irq", "bus"}) {
@@ -250,7 +261,7 @@ bool mount_sys(Setup& s, const Sandbox& box, const std::string& root) {
     return s.bind(box.state + "/sys/module", sys + "/module", true);
 }
 
-bool mount_dev(Setup& s, const std::string& root) {
+bool mount_dev(Setup& s, const std::string& root, const std::string& size) {
     std::string dev = root + "/dev";
     if (!s.mount("quorl-preview-dev", dev, "tmpfs", MS_NOSUID | MS_NOEXEC, "mode=0755")) return false;
     for (const char* name : {"null", "zero", "full", "random", "urandom", "tty"}) {
@@ -258,13 +269,17 @@ bool mount_dev(Setup& s, const std::string& root) {
     }
     return s.link("/proc/self/fd", dev + "/fd") && s.link("/proc/self/fd/0", dev + "/stdin") &&
            s.link("/proc/self/fd/1", dev + "/stdout") && s.link("/proc/self/fd/2", dev + "/stderr") &&
-           s.dir(dev + "/pts", 0755) && s.bind("/dev/pts", dev + "/pts") && s.link("pts/ptmx", dev + "/ptmx") &&
-           s.dir(dev + "/shm", 01777) && s.mount("quorl-preview-shm", dev + "/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+           // A devpts instance of the view's own: no terminal of this machine is in it.
+           s.dir(dev + "/pts", 0755) &&
+           s.mount("devpts", dev + "/pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=0620") &&
+           s.link("pts/ptmx", dev + "/ptmx") && s.dir(dev + "/shm", 01777) &&
+           s.mount("quorl-preview-shm", dev + "/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777," + size);
 }
 
 bool mount_run(Setup& s, const Sandbox& box, const std::string& root) {
     std::string run = root + "/run";
-    if (!s.mount("quorl-preview-run", run, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") || !s.dir(run + "/lock", 01777))
+    if (!s.mount("quorl-preview-run", run, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755," + size_option(box)) ||
+        !s.dir(run + "/lock", 01777))
         return false;
     // /run starts each time with what the seed holds (say a journal socket)
     // and forgets what the run added.
@@ -283,7 +298,7 @@ bool mount_run(Setup& s, const Sandbox& box, const std::string& root) {
     const std::string root = stage + "/root";
     // Extra lower layers on the same file system as this machine's root are
     // refused by overlayfs, so they are copied into a tmpfs first.
-    if (!s.mount("quorl-preview-stage", stage, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755")) s.die();
+    if (!s.mount("quorl-preview-stage", stage, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755," + size_option(box))) s.die();
     std::string error;
     for (size_t i = 0; i < box.layers.size(); ++i) {
         if (!copy_tree(box.layers[i], stage + "/layer" + std::to_string(i), &error)) {
@@ -292,9 +307,10 @@ bool mount_run(Setup& s, const Sandbox& box, const std::string& root) {
         }
     }
     if (!s.dir(root, 0755) || !mount_overlays(s, plan(box), stage, root) || !mount_run(s, box, root) ||
-        !mount_proc(s, box, root) || !mount_sys(s, box, root) || !mount_dev(s, root))
+        !mount_proc(s, box, root) || !mount_sys(s, box, root) || !mount_dev(s, root, size_option(box)))
         s.die();
-    if (box.tmp.empty() ? !s.mount("quorl-preview-tmp", root + "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
+    if (box.tmp.empty() ? !s.mount("quorl-preview-tmp", root + "/tmp", "tmpfs", MS_NOSUID | MS_NODEV,
+                                   "mode=1777," + size_option(box))
                         : !s.bind(box.tmp, root + "/tmp"))
         s.die();
     for (size_t i = 0; i < box.kept_visible.size(); ++i) {
@@ -433,6 +449,7 @@ int run_sandboxed(const Sandbox& box, std::string* error) {
         *error = std::string("pipe: ") + std::strerror(errno);
         return 125;
     }
+    const pid_t parent = getpid();
     pid_t outer = fork();
     if (outer < 0) {
         *error = std::string("fork: ") + std::strerror(errno);
@@ -441,7 +458,7 @@ int run_sandboxed(const Sandbox& box, std::string* error) {
     if (outer == 0) {
         close(pipefd[0]);
         Setup s{pipefd[1], ""};
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        die_with(parent);
         const int fds[] = {box.stdin_fd, box.stdout_fd, box.stderr_fd};
         for (int i = 0; i < 3; ++i) {
             if (fds[i] >= 0 && dup2(fds[i], i) < 0) {
@@ -460,15 +477,28 @@ int run_sandboxed(const Sandbox& box, std::string* error) {
             s.fail("sethostname");
             s.die();
         }
+        // pid 1 cannot name its parent, which lies outside its pid namespace:
+        // it learns that the parent ended from this pipe, whose other end
+        // only the parent holds.
+        int alive[2];
+        if (pipe2(alive, O_CLOEXEC) != 0) {
+            s.fail("pipe");
+            s.die();
+        }
         pid_t init = fork();
         if (init < 0) {
             s.fail("fork");
             s.die();
         }
         if (init == 0) {
+            close(alive[1]);
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            pollfd ended{alive[0], POLLIN, 0};
+            if (poll(&ended, 1, 0) != 0) _exit(125);
+            close(alive[0]);
             become_init(s, box);
         }
+        close(alive[0]);
         if (box.timeout) {
             timeout_fd = s.error_fd;
             timeout_init = init;
@@ -497,6 +527,12 @@ int run_sandboxed(const Sandbox& box, std::string* error) {
         return 125;
     }
     return decode(status);
+}
+
+void die_with(pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // A parent that ended before the request was made is not seen by it.
+    if (getppid() != parent) _exit(125);
 }
 
 std::string sandbox_obstacle() {

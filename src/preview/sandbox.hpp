@@ -1,7 +1,9 @@
 // One command run over a copy-on-write view of this machine, in private
-// mount, pid, uts, ipc and (unless asked) network namespaces, with pid 1
-// playing the kernel for it.  Every write lands in the changes directory;
-// nothing mounted or started outlives the run.
+// mount, pid, uts, ipc, cgroup and (unless asked) network namespaces, with
+// pid 1 playing the kernel for it, and the command confined to the view
+// (confinement.hpp, syscall_filter.hpp).  Every write lands in the changes
+// directory; nothing mounted or started outlives the run, nor the process
+// that started it.
 //
 // The view's root is an overlay of this machine's root, and one more for
 // each mount of this machine that holds content, under the extra layers
@@ -40,7 +42,11 @@ struct Sandbox {
     std::string changes;
     // The kernel's state, laid out as kernel_stand_in.hpp tells.
     std::string state;
-    bool answer_kernel = true;  // false: the command plays the kernel itself
+    // false: the command plays the kernel itself, as a preview does, and keeps
+    // what it needs to build a view of its own; true: pid 1 answers its
+    // module calls, and the command is confined (confinement.hpp,
+    // syscall_filter.hpp).
+    bool answer_kernel = true;
     bool own_sys = false;       // the state's sys/ is /sys, instead of this machine's
     std::string run_seed;       // a directory whose content /run starts with, if any
     std::string tmp;            // the directory shown as /tmp; empty: a fresh one
@@ -60,6 +66,9 @@ struct Sandbox {
     bool network = false;
     std::string hostname;  // empty: this machine's
     unsigned timeout = 0;  // seconds; 0 waits as long as it takes
+    // The limit of each tmpfs of the view, as tmpfs takes it: a quarter of
+    // this machine's memory unless told.
+    std::string tmpfs_size = "25%";
     std::string cgroup;    // file shown as the command's own /proc/self/cgroup
     // Descriptors for the standard streams; -1 shares this process's own.
     int stdin_fd = -1, stdout_fd = -1, stderr_fd = -1;
@@ -81,6 +90,10 @@ std::string written_at(const Sandbox&, const std::string& path);
 // The command's exit status, or 128+signal.  When the sandbox itself could
 // not be set up the result is 125 and `error` says why.
 int run_sandboxed(const Sandbox&, std::string* error);
+
+// Called right after fork(): this process is killed when `parent` ends, by
+// whatever signal, so that nothing of a sandbox outlives the one who started it.
+void die_with(pid_t parent);
 
 // What stands in the way of sandboxes on this machine, or "" when nothing
 // does: root, overlayfs, seccomp user notification, the namespaces.

@@ -196,7 +196,7 @@ TEST(Preview, PassesOnTheInstallersAnswerOrSaysInOneLineWhyItCannotRun) {
          cannot + "no ./quorl-driver-installer here; run the preview from the unpacked driver package\n"},
         {{preview}, package, 1000, false, 125, "", cannot + "it must run as root, as the installer does\n"},
         {{preview}, package, 0, true, 125, "",
-         cannot + "no seccomp user notification for this process (another supervisor answers it)\n"},
+         cannot + "cannot make mount, pid, uts, ipc and network namespaces\n"},
         {{preview, "--keep"}, package, 0, false, 125, "", cannot + "--keep: 1 required DIR missing\n"},
         {{preview, "--uninstall"}, package, 0, false, 125, "",
          cannot + "no install record at /var/log/vantoriaquorl/uninstall/.driver_uninstall_manifests: no driver is "
@@ -242,6 +242,7 @@ TEST(Preview, KeepsTheUpperLayerAndTheLogWhereAsked) {
     EXPECT_NE(host.read("/tmp/kept/driver_installer.log").value_or("").find("Quorl Driver installation succeed.\n"),
               std::string::npos);
     EXPECT_TRUE(host.exists("/tmp/kept/upper/usr/local/quorl-3.2.1/bin/qxsmi"));
+    EXPECT_EQ(host.mode("/tmp/kept"), 0700u) << "setuid programs of the installation are for root alone";
     EXPECT_EQ(host.changes(), std::vector<lab::Change>{});
 }
 

@@ -128,7 +128,10 @@ while read -r name script; do
     cut -d' ' -f1 /proc/modules > /modules.before
 
     printf '\nRK-SCENARIO-START %s\n' "$name"
-    chroot /newroot /usr/bin/env -i /bin/bash "$RK_HARNESS/guest-run.sh" "$script"
+    # The scenario's root is the root of a mount namespace of its own, as a
+    # machine's is: under a chroot no program may make a user namespace.
+    unshare -m sh -c 'cd /newroot && mount --move . / && exec chroot . /usr/bin/env -i /bin/bash "$0" "$1"' \
+        "$RK_HARNESS/guest-run.sh" "$script"
     status=$?
     printf '\nRK-SCENARIO %s EXIT %s\n' "$name" "$status"
 

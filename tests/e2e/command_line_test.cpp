@@ -34,9 +34,10 @@ TEST(CommandLine, HelpAndParseErrorsEndBeforeAnyLookAtTheHost) {
     } cases[] = {
         {{"--help"}, 0},
         {{"--version"}, 109},
-        // An option that only another tool of the family declares.
-        {{"--image-name", "quorl"}, 109},
-        {{"--module-signing-secret-key", "k.key"}, 107},
+        // The options that only the family's other tools declare.
+        {{"--image-name", "quorl"}, 109}, {{"--silent"}, 109}, {{"--toolkit"}, 109}, {{"--cuda-path", "x"}, 109},
+        // Either key needs the other.
+        {{"--module-signing-secret-key", "k.key"}, 107}, {{"--module-signing-public-key", "k.der"}, 107},
         {{"--prefix"}, 114},
     };
     for (const Case& c : cases) {
@@ -48,10 +49,20 @@ TEST(CommandLine, HelpAndParseErrorsEndBeforeAnyLookAtTheHost) {
         EXPECT_TRUE(lacks(host.log(), "driver prefix is")) << c.args[0];
         EXPECT_FALSE(host.exists(record_path)) << c.args[0];
     }
+    // The defaults are spoken as they were at declaration, the options of the
+    // family's other tools and the quiet flag stay hidden, and of the help
+    // flag's two declarations the second, with its line feed, is the one shown.
     const std::string help = host.install({"--help"}).out;
-    EXPECT_TRUE(in_order(help, {"Quorl Driver Installation Tool.", "--prefix", "--kernel-source-path", "--disable-dkms",
-                                "--with-vgpu", "--without-vgpu", "--module-signing-secret-key",
-                                "--module-signing-public-key"}));
+    EXPECT_TRUE(in_order(help, {"Quorl Driver Installation Tool.", "--prefix", "The Quorl Driver util installation path.",
+                                "--kernel-source-path", "The kernel source path.", "--disable-dkms",
+                                "Disable Use of Dkms (default: false)", "--with-vgpu",
+                                "Build driver with VGPU support (default: false)", "--without-vgpu",
+                                "Build driver without VGPU support (default: false)", "--module-signing-secret-key",
+                                "The corresponding public key must also be provided.", "--module-signing-public-key",
+                                "The corresponding private key must also be provided.",
+                                "Print this help message and exit\n "}));
+    for (const char* hidden : {"qxquiet", "--image-name", "--silent", "--toolkit", "--cuda-path"})
+        EXPECT_TRUE(lacks(help, hidden));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // through the real dkms, signed where the host demands it, loaded, the cards'
 // firmware checked and the user-space tree copied; and what each failure says
 // and leaves behind.
+#include <algorithm>
 #include <cerrno>
 
 #include "scenario_support.hpp"
@@ -104,16 +105,18 @@ const Row rows[] = {
      {"modprobe vantoria"}},
     {"the module is already in the kernel", refusing(EEXIST), plain, 49,
      {"Warning: Try insmod vantoria 17 Module already in kernel\nKernel messages:\n"}, {already_loaded}, {"modprobe vantoria"}},
-    {"a key refused without signing", refusing(EKEYREJECTED), plain, 50,
+    // Unsigned, a refused key ends the build: no peer-memory module follows, even where OFED and ib_core are.
+    {"a key refused without signing",
+     [](lab::Host& h) { with_ofed(h).module_result("vantoria", EKEYREJECTED).proc_modules(ib_core); }, plain, 50,
      {"Warning: Try insmod vantoria failed due to module sign. 129 Key was rejected by service\n"}, {key_rejected},
-     {"Kernel messages:", "Load signed kernel module"}},
+     {"Kernel messages:", "Load signed kernel module", "vnt_peer_mem_drv"}},
     {"modprobe fails after the direct load", failing("modprobe", 1, "modprobe: FATAL: Module vantoria not found.\n"), plain, 51,
      {modprobe_fails, "Error: Failed to insert kernel module:\n\nKernel messages:\n"}, {}, {"Install vantoria succeed"}},
     {"sign-file refuses keys that are no keys",
      [](lab::Host& h) { h.file("/root/keys/admin.key", "not a key\n", 0600).file("/root/keys/admin.der", "not a cert\n"); },
      {"--module-signing-secret-key", "/root/keys/admin.key", "--module-signing-public-key", "/root/keys/admin.der"}, 5,
      {"Debug: do sign module\n", "Debug: output is sign-file: /root/keys/admin.der: not a DER certificate"},
-     {"Failed to sign module file: Operation not permitted\n", "sign module failed\n"}, {installed_module}},
+     {"Failed to sign module file: Operation not permitted\n", "sign module failed\n"}, {installed_module, "vnt_peer_mem_drv"}},
     {"the journal tells the kernel messages", journal_says("lab kernel: vantoria: from the journal\n"), plain, 0,
      {"Install vantoria succeed.\nKernel messages:\nlab kernel: vantoria: from the journal\n\n"}, {}, {},
      [](lab::Host& host, const lab::RunResult&) {
@@ -195,7 +198,11 @@ const Row rows[] = {
       "Start to install driver: vnt_peer_mem_drv\n", "Skip load module vnt_peer_mem_drv\n", temporary_key},
      {temporary_key}, {"The key pair is generated"},
      [](lab::Host& host, const lab::RunResult&) {
-         EXPECT_EQ(temporary_keys(host).size(), 2u);
+         // Made from the template, the public key readable by all and the secret one by root alone.
+         std::vector<mode_t> modes;
+         for (const std::string& key : temporary_keys(host)) modes.push_back(key.size() == 18 ? host.mode("/tmp/" + key) : 0);
+         std::sort(modes.begin(), modes.end());
+         EXPECT_EQ(modes, (std::vector<mode_t>{0600, 0644}));
          EXPECT_FALSE(host.exists("/usr/share/vantoria"));
          EXPECT_EQ(host.proc_modules(), ib_core);
          EXPECT_EQ(modinfo_field(host, "signer", module_dir + "vnt_peer_mem_drv.ko"), "quorl-installer generated signing key");
@@ -232,11 +239,14 @@ const Row rows[] = {
          nothing_beyond_the_build(host, r);
      }},
     // --- the install phase around the build ------------------------------------
-    {"a firmware directory made by the run is recorded last", [](lab::Host& h) { h.remove("/lib/firmware"); }, plain, 0, {}, {},
-     {}, recorded("DIR /lib/firmware/vantoria/tr\nDIR /lib/firmware/vantoria\nDIR /lib/firmware\n")},
+    // Without dkms on the host the build is plain.
+    {"a firmware directory made by the run is recorded last",
+     [](lab::Host& h) { h.remove("/lib/firmware").tool_missing("dkms"); }, {}, 0, {"manually build driver. disable_dkms:0\n"},
+     {}, {}, recorded("DIR /lib/firmware/vantoria/tr\nDIR /lib/firmware/vantoria\nDIR /lib/firmware\n")},
     // The firmware step fails only when no shell starts.
-    {"a package without firmware goes on", [](lab::Host& h) { h.remove(package_dir + "/firmware"); }, plain, 0, {}, {},
-     {"/lib/firmware", "Failed to install firmware."}},
+    // Both vgpu flags together cancel out, without a word.
+    {"a package without firmware goes on", [](lab::Host& h) { h.remove(package_dir + "/firmware"); },
+     {"--disable-dkms", "--with-vgpu", "--without-vgpu"}, 0, {}, {}, {"/lib/firmware", "Failed to install firmware.", "VGPU"}},
     {"vgpu dependencies are tried in order and never stop the run",
      [](lab::Host& h) { h.stub("modprobe").answer("modprobe", "vfio", 1, "modprobe: FATAL: Module vfio not found.\n"); },
      {"--disable-dkms", "--with-vgpu"}, 0,

@@ -50,11 +50,13 @@ auto gcc_says = [](int status, std::string text) {
 auto signing_tree = [](lab::Host& h) { h.kernel_tree(release, {"CONFIG_MODULE_SIG_FORCE=y"}).tool_missing("openssl"); };
 
 const Row rows[] = {
-    {"missing description gives the defaults", stop([](lab::Host& h) { h.remove(manifest); }), {}, 33,
+    // The defaults carry the run through: the module is built by its default name.
+    {"missing description gives the defaults", [](lab::Host& h) { h.remove(manifest); }, {"--disable-dkms"}, 0,
      {"Debug: driver prefix is /usr/local/quorl-3.2.1/.\nDebug: PARAMS://\n", "Debug: Failed to open " + manifest +
       "\nInitializing driverConfig using default values. This driver installation package maybe incomplete.\n",
-      "Debug: Using kernel source: " + build_tree + "\n" + tools_found + "kernel version: 6.1.0\n"},
-     {"Initializing driverConfig using default values.", no_openssl}},
+      "Debug: Using kernel source: " + build_tree + "\n" + tools_found + "kernel version: 6.1.0\n",
+      "Building vantoria\nStart to build driver: vantoria\n", "modprobe vantoria succeed.\n"},
+     {"Initializing driverConfig using default values."}},
     {"quiet run shows only level five and records all the same", [](lab::Host& h) { h.remove(manifest).remove(headers_tree); },
      {"--qxquiet"}, 32,
      {"\nInitializing driverConfig", "Warning: Get kernel source of running kernel:" + release + " failed.\n" + not_ready +
@@ -90,13 +92,13 @@ const Row rows[] = {
              .symlink("/usr/src/linux-headers-6.1.0-other-amd64", "/usr/src/linux");
      }), {}, 33, {"Debug: Using kernel source: /usr/src/linux\n"}},
     {"no tree at all stops with 32 and still records", [](lab::Host& h) { h.remove(headers_tree); },
-     {"--prefix", "/opt/vendor"}, 32,
-     {"Debug: driver prefix is /opt/vendor/quorl-3.2.1/.\nDebug: PARAMS://\n",
+     {"--prefix", "/opt/quorl-3.2.10"}, 32,
+     {"Debug: driver prefix is /opt/quorl-3.2.10/quorl-3.2.1/.\nDebug: PARAMS://\n",
       "Warning: Get kernel source of running kernel:" + release + " failed.\n" + not_ready}, {}, {"found system utility"},
      [](lab::Host& host, const lab::RunResult& r) {
          EXPECT_EQ(r.err, "kernel source is not ready.\n" + failure(32));
          EXPECT_EQ(r.out, "");
-         EXPECT_EQ(host.record(), "QUORL /opt/vendor/quorl-3.2.1/\nDIR /opt/vendor/quorl-3.2.1/\nDIR /opt/vendor/\n");
+         EXPECT_EQ(host.record(), "QUORL /opt/quorl-3.2.10/quorl-3.2.1/\nDIR /opt/quorl-3.2.10/quorl-3.2.1/\nDIR /opt/quorl-3.2.10/\n");
      }},
     {"the user names usr", nullptr, {"--kernel-source-path", "/usr"}, 32,
      {"Error: The kernel source path /usr is invalid.\nThis should not be /usr" + not_ready},
@@ -141,9 +143,12 @@ const Row rows[] = {
          record_is("QUORL /opt/vendor/tools/quorl-3.2.1/\nDIR /opt/vendor/tools/quorl-3.2.1/\nDIR /opt/vendor/tools/\n"
                    "DIR /opt/vendor/tools/quorl-3.2.1\nDIR /opt/vendor/tools\nDIR /opt/vendor\n")(host, r);
      }},
+    // A prefix that names the driver's own directory, whatever its last slash, is taken as the driver prefix.
     {"directories already there are not recorded",
-     stop([](lab::Host& h) { h.directory("/opt/vendor/tools/quorl-3.2.1"); }), {"--prefix", "/opt/vendor/tools"}, 33, {},
-     {}, {}, record_is("QUORL /opt/vendor/tools/quorl-3.2.1/\nDIR /opt/vendor/tools/quorl-3.2.1/\nDIR /opt/vendor/tools/\n")},
+     stop([](lab::Host& h) { h.directory("/opt/vendor/tools/quorl-3.2.1"); }), {"--prefix", "/opt/vendor/tools/quorl-3.2.1/"},
+     33, {}, {}, {}, record_is("QUORL /opt/vendor/tools/quorl-3.2.1/\nDIR /opt/vendor/tools/quorl-3.2.1/\n")},
+    {"an empty prefix is the root", stop([](lab::Host&) {}), {"--prefix", ""}, 33,
+     {"Debug: driver prefix is /quorl-3.2.1/.\n"}, {}, {}, record_is("QUORL /quorl-3.2.1/\nDIR /quorl-3.2.1/\nDIR /\nDIR /quorl-3.2.1\n")},
     {"the kernel configuration demands signing", signing_tree, {}, 33,
      {conftest + " 0\nDebug: CONFIG_MODULE_SIG_FORCE not empty do module sign.\n" + no_openssl}, {no_openssl}},
     {"the kernel command line demands signing",

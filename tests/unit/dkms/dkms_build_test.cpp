@@ -5,12 +5,12 @@
 
 namespace {
 
-TEST(DkmsBuild, WaitStatusOfTheBuildChild) {
+// The exit statuses are the signed dkms scenarios' to pin; no scenario can kill or stop the build.
+TEST(DkmsBuild, WaitStatusOfAKilledOrStoppedBuildChild) {
     struct Case {
         int wait_status;
         bool ended_abnormally, failed;
     } cases[] = {
-        {0x0000, false, false}, {0x0100, false, true}, {0x0500, false, true},
         {SIGKILL, true, false},  // killed: passes, with the message
         {0x80 | SIGSEGV, true, false}, {0x7f | (SIGTSTP << 8), true, true},
     };

@@ -1,10 +1,6 @@
 #include "host/commands.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "../child_process.hpp"
 
 namespace {
 
@@ -29,23 +25,6 @@ TEST(RunCommand, OutputAndStatus) {
         EXPECT_TRUE(run_command_output(c.command, output)) << c.command;
         EXPECT_EQ(output, c.output) << c.command;
     }
-}
-
-// A mkstemp or fchmod that fails cannot be brought about here.
-TEST(MakeTempFile, CreatesFromTheTemplateWithTheMode) {
-    // The template names the machine's /tmp: the child gets one of its own.
-    in_child([] { return own_tmp(); }, [] {
-        for (uint32_t mode : {0644u, 0600u}) {
-            std::string path = "previous";
-            ASSERT_TRUE(make_temp_file(path, mode));
-            EXPECT_EQ(path.rfind("/tmp/vantoriatmp-", 0), 0u) << path;
-            EXPECT_EQ(path.size(), 23u);
-            struct stat st;
-            ASSERT_EQ(stat(path.c_str(), &st), 0);
-            EXPECT_EQ(st.st_mode & 07777, mode);
-            EXPECT_EQ(st.st_size, 0);
-        }
-    });
 }
 
 }  // namespace

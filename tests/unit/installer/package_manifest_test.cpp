@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <stdexcept>
 
-#include "../test_support.hpp"
-
 namespace {
 
 TEST(PackageManifest, LinesByTheirPlace) {
@@ -25,14 +23,6 @@ TEST(PackageManifest, LinesByTheirPlace) {
     }
     // Nothing catches this: the process ends abnormally.
     for (const std::string text : {"", "T\n1\nm\n", "\n\n\n"}) EXPECT_THROW(parse_package_manifest(text), std::out_of_range);
-}
-
-TEST_F(LoggedTest, AMissingDescriptionGivesTheDefaults) {
-    testing::internal::CaptureStderr();
-    const PackageManifest package = read_package_manifest(dir / ".manifest");
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ(std::vector<std::string>({package.title, package.version, package.name, package.kernel_path}),
-              std::vector<std::string>({"Quorl Driver for Linux-x86_64", "3.2.1", "vantoria", "./kernel/"}));
 }
 
 }  // namespace

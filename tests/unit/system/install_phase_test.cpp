@@ -7,9 +7,6 @@ namespace {
 
 using Entries = std::vector<ManifestEntry>;
 
-// Every scenario that reaches the build has dkms on its PATH: a host without it is told here.
-TEST(InstallPhase, WithoutDkmsTheBuildIsPlain) { EXPECT_FALSE(dkms_path_chosen(false, [] { return false; }, 1)); }
-
 TEST(InstallPhase, UserEntriesRebasedOntoThePrefix) {
     const std::set<std::string> present = {"/p/bin/tool", "/p/bin", "/p/lib64/libq.so", "/p/x"};
     const auto exists = [&](const std::string& path) { return present.count(path) == 1; };

@@ -1,6 +1,6 @@
 // The program's entry as an administrator meets it: who may run it, its help,
 // and the library's exit codes for a command line it cannot take.
-#include "scenario_support.hpp"
+#include "scenario.hpp"
 
 namespace {
 

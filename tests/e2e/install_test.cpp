@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "scenario_support.hpp"
+#include "scenario.hpp"
 
 namespace {
 

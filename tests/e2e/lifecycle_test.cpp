@@ -4,7 +4,7 @@
 // it was so that a second run resumes.
 #include <nlohmann/json.hpp>
 
-#include "scenario_support.hpp"
+#include "scenario.hpp"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // service files, the boot service copied, enabled and recorded, and the
 // initramfs left without the driver; and what a container or a broken
 // package does to it.
-#include "scenario_support.hpp"
+#include "scenario.hpp"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Preparation: the package description, the container, the kernel tree, the
 // tools, the compiler, the target directory and the signing decision. Most
 // rows end the run before anything is built.
-#include "scenario_support.hpp"
+#include "scenario.hpp"
 
 namespace {
 

@@ -6,7 +6,7 @@
 // removal; a few install for real first.
 #include <cerrno>
 
-#include "scenario_support.hpp"
+#include "scenario.hpp"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "lab_host.hpp"
-#include "scenario_support.hpp"
+#include "scenario.hpp"
 
 namespace {
 

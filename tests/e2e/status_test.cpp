@@ -3,7 +3,7 @@
 // finds, it changes nothing on the host.
 #include <nlohmann/json.hpp>
 
-#include "scenario_support.hpp"
+#include "scenario.hpp"
 
 namespace {
 

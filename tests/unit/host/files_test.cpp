@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "../test_support.hpp"
+#include "test_support.hpp"
 
 namespace fs = std::filesystem;
 

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
-#include "../child_process.hpp"
-#include "../test_support.hpp"
+#include "child_process.hpp"
+#include "test_support.hpp"
 
 namespace fs = std::filesystem;
 

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
-#include "../test_support.hpp"
+#include "test_support.hpp"
 
 namespace fs = std::filesystem;
 

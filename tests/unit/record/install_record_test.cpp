@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdexcept>
 
-#include "../test_support.hpp"
+#include "test_support.hpp"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "../test_support.hpp"
+#include "test_support.hpp"
 #include "dkms/dkms_config.hpp"
 #include "system/service_removal.hpp"
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "../test_support.hpp"
+#include "test_support.hpp"
 
 namespace fs = std::filesystem;
 

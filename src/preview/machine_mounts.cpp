@@ -47,33 +47,53 @@ bool within(const std::string& path, const std::string& tree) {
     return path == tree || (path.size() > tree.size() && path.compare(0, tree.size(), tree) == 0 && path[tree.size()] == '/');
 }
 
+std::vector<MountLine> mount_lines(const std::string& mountinfo) {
+    std::vector<MountLine> lines;
+    std::istringstream text(mountinfo);
+    for (std::string line; std::getline(text, line);) {
+        std::istringstream fields(line);
+        MountLine m;
+        std::string device, root, word;
+        if (!(fields >> m.id >> m.parent >> device >> root >> m.point >> m.options)) continue;
+        while (fields >> word && word != "-") {
+        }
+        if (word != "-" || !(fields >> m.type)) continue;
+        m.point = unescape(m.point);
+        lines.push_back(m);
+    }
+    return lines;
+}
+
 std::vector<MachineMount> content_mounts(const std::string& mountinfo) {
     std::vector<MachineMount> mounts;
     std::set<std::string> seen, shown;  // the ids of the mounts read, and of those the view shows
-    std::istringstream lines(mountinfo);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream fields(line);
-        std::string id, parent, device, root, point, options, word;
-        if (!(fields >> id >> parent >> device >> root >> point >> options)) continue;
-        while (fields >> word && word != "-") {
-        }
-        std::string type;
-        if (word != "-" || !(fields >> type)) continue;
-        point = unescape(point);
+    for (const MountLine& line : mount_lines(mountinfo)) {
         // Whatever was mounted at this place or below it before is covered now.
-        std::erase_if(mounts, [&](const MachineMount& m) { return within(m.path, point); });
+        std::erase_if(mounts, [&](const MachineMount& m) { return within(m.path, line.point); });
         // A mount inside one that the view does not show (an automount point,
         // a private tree) is not shown either.
-        bool hidden = kernel_file_systems.count(type) > 0 || (seen.count(parent) && !shown.count(parent));
-        seen.insert(id);
-        for (const char* tree : private_trees) hidden = hidden || within(point, tree);
-        if (hidden && point != "/") continue;
-        shown.insert(id);
-        mounts.push_back({point, has_option(options, "ro"), has_option(options, "nosuid"), has_option(options, "nodev"),
-                          has_option(options, "noexec")});
+        bool hidden = kernel_file_systems.count(line.type) > 0 || (seen.count(line.parent) && !shown.count(line.parent));
+        seen.insert(line.id);
+        for (const char* tree : private_trees) hidden = hidden || within(line.point, tree);
+        if (hidden && line.point != "/") continue;
+        shown.insert(line.id);
+        mounts.push_back({line.point, has_option(line.options, "ro"), has_option(line.options, "nosuid"),
+                          has_option(line.options, "nodev"), has_option(line.options, "noexec")});
     }
     if (mounts.empty() || mounts.front().path != "/") mounts.insert(mounts.begin(), MachineMount{"/"});
     return mounts;
+}
+
+std::vector<std::string> kernel_trees_below(const std::string& mountinfo, const std::string& tree) {
+    // Reading some of them has effects on the machine (a trace pipe hands
+    // its events to whoever reads first), and an installation needs none.
+    static const std::set<std::string> debugging = {"debugfs", "tracefs", "bpf", "securityfs", "pstore", "configfs",
+                                                    "fusectl"};
+    std::vector<std::string> points;
+    for (const MountLine& line : mount_lines(mountinfo)) {
+        if (line.point != tree && within(line.point, tree) && debugging.count(line.type)) points.push_back(line.point);
+    }
+    return points;
 }
 
 std::vector<MachineMount> content_mounts() {

@@ -15,9 +15,20 @@ struct MachineMount {
     bool operator==(const MachineMount&) const = default;
 };
 
+// One line of /proc/self/mountinfo, its mount point unescaped.
+struct MountLine {
+    std::string id, parent, point, options, type;
+};
+std::vector<MountLine> mount_lines(const std::string& mountinfo);
+
 // From the text of /proc/self/mountinfo.  A mount that another one covers
 // later (at its own path or above it) is left out.
 std::vector<MachineMount> content_mounts(const std::string& mountinfo);
+
+// The mount points strictly below `tree` of the kernel's debugging, tracing
+// and security trees, which the view's /sys leaves out; in the order of the
+// mount table.
+std::vector<std::string> kernel_trees_below(const std::string& mountinfo, const std::string& tree);
 
 // This process's mount table.
 std::vector<MachineMount> content_mounts();

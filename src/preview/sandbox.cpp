@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -65,10 +66,12 @@ std::vector<Overlay> plan(const Sandbox& box) {
         if (hidden) continue;
         Overlay o;
         o.at = m.path;
+        o.flags = (m.read_only ? MS_RDONLY : 0) | (m.nosuid ? MS_NOSUID : 0) | (m.nodev ? MS_NODEV : 0) |
+                  (m.noexec ? MS_NOEXEC : 0);
         struct stat st;
         if (stat(m.path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
             // A file mounted on its own is shown as it is, read-only.
-            o.flags = MS_RDONLY;
+            o.flags |= MS_RDONLY;
             overlays.push_back(o);
             continue;
         }
@@ -81,8 +84,6 @@ std::vector<Overlay> plan(const Sandbox& box) {
             o.upper = base + "/upper";
             o.work = base + "/work";
         }
-        o.flags = (m.read_only ? MS_RDONLY : 0) | (m.nosuid ? MS_NOSUID : 0) | (m.nodev ? MS_NODEV : 0) |
-                  (m.noexec ? MS_NOEXEC : 0);
         overlays.push_back(o);
     }
     return overlays;
@@ -258,6 +259,15 @@ bool mount_sys(Setup& s, const Sandbox& box, const std::string& root) {
     } attr = {1 /* MOUNT_ATTR_RDONLY */, 0, 0, 0};
     if (syscall(SYS_mount_setattr, AT_FDCWD, sys.c_str(), 0x8000 /* AT_RECURSIVE */, &attr, sizeof attr) != 0)
         return s.fail("make " + sys + " read-only");
+    // Deepest first, so that a tree inside another goes before it.
+    // The mount table spells the stage as the kernel resolved it.
+    char* resolved = realpath(sys.c_str(), nullptr);
+    if (!resolved) return s.fail("resolve " + sys);
+    const auto trees = kernel_trees_below(read_text("/proc/self/mountinfo"), resolved);
+    free(resolved);
+    for (auto tree = trees.rbegin(); tree != trees.rend(); ++tree) {
+        if (umount2(tree->c_str(), MNT_DETACH) != 0 && errno != EINVAL) return s.fail("hide " + *tree);
+    }
     return s.bind(box.state + "/sys/module", sys + "/module", true);
 }
 

@@ -42,6 +42,28 @@ TEST(MachineMounts, ContentIsTheRootAndTheRealFileSystemsBelowIt) {
         {"lines cut short are passed over", "30 1 8:1 / /x rw shared:1\n" + line("/", "rw", "ext4"), {{"/"}}},
     };
     for (const auto& c : cases) EXPECT_EQ(preview::content_mounts(c.mountinfo), c.expected) << c.name;
+    // Each file system of the kernel's own, wherever it is mounted.
+    for (const char* type : {"proc", "sysfs", "devtmpfs", "devpts", "mqueue", "cgroup", "cgroup2", "securityfs", "debugfs",
+                             "tracefs", "pstore", "bpf", "configfs", "fusectl", "hugetlbfs", "autofs", "binfmt_misc",
+                             "efivarfs", "rpc_pipefs", "nsfs", "selinuxfs", "nfsd", "fuse.gvfsd-fuse", "fuse.portal"})
+        EXPECT_EQ(preview::content_mounts(root + line("/mnt/k", "rw", type)), Mounts{{"/"}}) << type;
+}
+
+TEST(MachineMounts, TheViewsSysLeavesOutTheKernelsDebuggingTrees) {
+    const std::string sys = "/stage/root/sys";
+    const std::string table = line(sys, "ro", "sysfs", 40) + line(sys + "/kernel/debug", "ro", "debugfs", 41, 40) +
+                              line(sys + "/kernel/debug/tracing", "ro", "tracefs", 42, 41) +
+                              line(sys + "/fs/bpf", "ro", "bpf", 43, 40) + line(sys + "/kernel/security", "ro", "securityfs") +
+                              line(sys + "/fs/pstore", "ro", "pstore") + line(sys + "/kernel/config", "ro", "configfs") +
+                              line(sys + "/fs/fuse/connections", "ro", "fusectl") +
+                              // What the installation reads stays: the firmware variables and the cgroups.
+                              line(sys + "/firmware/efi/efivars", "ro", "efivarfs") + line(sys + "/fs/cgroup", "ro", "cgroup2") +
+                              // Only below the tree asked for.
+                              line("/sys/kernel/tracing", "rw", "tracefs") + line("/stage/root/system/t", "rw", "tracefs");
+    EXPECT_EQ(preview::kernel_trees_below(table, sys),
+              (std::vector<std::string>{sys + "/kernel/debug", sys + "/kernel/debug/tracing", sys + "/fs/bpf",
+                                        sys + "/kernel/security", sys + "/fs/pstore", sys + "/kernel/config",
+                                        sys + "/fs/fuse/connections"}));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // bench-runner: what the installer costs beside the commands it has to run,
 // measured in simulated hosts, and printed as one table.
 //
-//   bench-runner [--runs N] [--help-runs N] [--only install|record|remove|status|help]... [--on-disk] [--keep]
+//   bench-runner [--runs N] [--help-runs N] [--only install|record|remove|status|preview|help]... [--on-disk] [--keep]
 //
 //   --runs N       repetitions of each measurement, reported by their median (default 5)
 //   --help-runs N  runs of --help in each repetition (default 200)
@@ -335,6 +335,58 @@ StepRow measure_status(lab::Host& host, long files, const Settings& settings) {
     return row;
 }
 
+// --- the preview against the installation ---------------------------------------
+
+struct PreviewRow {
+    std::vector<double> preview_s, install_s, ratio;
+    int failures = 0;
+};
+
+// Wall time of one command of a fresh host, from the package directory, as
+// the administrator's shell sees it; -1 when it did not end 0.  The host has
+// this machine's release, so that a preview, which plays the kernel itself
+// here, and the installation see the same kernel.
+double wall_of(const std::string& command, bool lab_kernel, int run, const Settings& settings) {
+    lab::Host host("bench-preview-" + std::to_string(run) + (lab_kernel ? "-install" : "-preview"));
+    host.keep(settings.keep);
+    const std::string release = lab::machine_release();
+    host.kernel(release).kernel_tree(release).card({}).package();
+    lab::RunOptions options;
+    options.cwd = host.package_dir();
+    options.lab_kernel = lab_kernel;
+    options.timeout = 0;
+    const lab::RunResult r = host.shell("start=$(date +%s%N); " + command +
+                                            " > /tmp/out 2>&1 || { cat /tmp/out; exit 1; }; echo $(( $(date +%s%N) - start ))",
+                                        options);
+    if (r.status != 0) {
+        progress(command + " failed (" + std::to_string(r.status) + "):\n" + r.out + r.err);
+        return -1;
+    }
+    return std::stod(r.out) / 1e9;
+}
+
+PreviewRow measure_preview(const Settings& settings) {
+    PreviewRow row;
+    for (int run = 1; run <= settings.runs; ++run) {
+        progress("preview and installation " + std::to_string(run) + "/" + std::to_string(settings.runs));
+        double preview = -1, install = -1;
+        // Alternating, so that a slow spell of the machine falls on both.
+        for (int turn = 0; turn < 2; ++turn) {
+            if ((turn + run) % 2) preview = wall_of("./quorl-driver-preview --disable-dkms", false, run, settings);
+            else install = wall_of("./quorl-driver-installer --disable-dkms", true, run, settings);
+        }
+        if (preview < 0 || install < 0) {
+            ++row.failures;
+            continue;
+        }
+        row.preview_s.push_back(preview);
+        row.install_s.push_back(install);
+        row.ratio.push_back(preview / install);
+        progress("  preview " + format("%.2f s", preview) + ", installation " + format("%.2f s", install));
+    }
+    return row;
+}
+
 // --- --help --------------------------------------------------------------------
 
 struct HelpRow {
@@ -448,6 +500,19 @@ void print_status(const StepRow& row) {
                 "  its wall time, on a busy one the CPU ratio is the fairer figure)\n");
 }
 
+void print_preview(const PreviewRow& row) {
+    std::printf("\nThe preview against the installation it previews (--disable-dkms, each in a fresh host, wall time)\n");
+    std::printf("  %9s %12s %7s   %s\n", "preview", "installation", "ratio", "target ratio <= 1.1");
+    if (row.ratio.empty()) {
+        std::printf("  no successful run%s\n", failures_note(row.failures).c_str());
+        return;
+    }
+    const double ratio = median(row.ratio);
+    std::printf("  %9s %12s %7s   %s%s\n", format("%.2f s", median(row.preview_s)).c_str(),
+                format("%.2f s", median(row.install_s)).c_str(), format("%.3f", ratio).c_str(),
+                verdict(ratio <= 1.1).c_str(), failures_note(row.failures).c_str());
+}
+
 void print_help(const HelpRow& row, const Settings& settings) {
     std::printf("\n--help, %d runs per repetition\n", settings.help_runs);
     if (row.median_ms.empty()) {
@@ -459,8 +524,8 @@ void print_help(const HelpRow& row, const Settings& settings) {
 }
 
 int usage() {
-    std::cerr << "usage: bench-runner [--runs N] [--help-runs N] [--only install|record|remove|status|help]... [--on-disk] "
-                 "[--keep]\n";
+    std::cerr << "usage: bench-runner [--runs N] [--help-runs N] [--only install|record|remove|status|preview|help]... "
+                 "[--on-disk] [--keep]\n";
     return 2;
 }
 
@@ -476,7 +541,8 @@ int main(int argc, char** argv) {
             settings.help_runs = std::max(1, std::stoi(argv[++i]));
         } else if (arg == "--only" && i + 1 < argc) {
             const std::string part = argv[++i];
-            if (part != "install" && part != "record" && part != "remove" && part != "status" && part != "help")
+            if (part != "install" && part != "record" && part != "remove" && part != "status" && part != "preview" &&
+                part != "help")
                 return usage();
             settings.parts.insert(part);
         } else if (arg == "--on-disk") {
@@ -502,6 +568,9 @@ int main(int argc, char** argv) {
 
     std::vector<InstallRow> installations;
     if (settings.wants("install")) installations = measure_installations(settings);
+
+    std::optional<PreviewRow> preview;
+    if (settings.wants("preview")) preview = measure_preview(settings);
 
     std::vector<StepRow> recording, removal;
     std::optional<StepRow> status;
@@ -532,6 +601,7 @@ int main(int argc, char** argv) {
         std::printf("  (CPU ratio: the same ratio of the CPU time of the whole process tree, the installer's and all\n"
                     "  its commands', which a busy machine disturbs less than the wall time)\n");
     if (status) print_status(*status);
+    if (preview) print_preview(*preview);
     if (settings.wants("help")) print_help(help, settings);
     return 0;
 }

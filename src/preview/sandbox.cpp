@@ -460,15 +460,22 @@ int run_sandboxed(const Sandbox& box, std::string* error) {
         return 125;
     }
     const pid_t parent = getpid();
+    const std::string cgroup = make_limited_cgroup(box.limits);
     pid_t outer = fork();
     if (outer < 0) {
         *error = std::string("fork: ") + std::strerror(errno);
+        if (!cgroup.empty()) remove_cgroup(cgroup);
         return 125;
     }
     if (outer == 0) {
         close(pipefd[0]);
         Setup s{pipefd[1], ""};
         die_with(parent);
+        // Every process of the sandbox, pid 1 first, is born in its cgroup.
+        if (!cgroup.empty() && !join_cgroup(cgroup)) {
+            s.fail("join " + cgroup);
+            s.die();
+        }
         const int fds[] = {box.stdin_fd, box.stdout_fd, box.stderr_fd};
         for (int i = 0; i < 3; ++i) {
             if (fds[i] >= 0 && dup2(fds[i], i) < 0) {
@@ -532,6 +539,7 @@ int run_sandboxed(const Sandbox& box, std::string* error) {
     int status;
     while (waitpid(outer, &status, 0) < 0 && errno == EINTR) {
     }
+    if (!cgroup.empty()) remove_cgroup(cgroup);
     if (!failure.empty()) {
         *error = failure;
         return 125;

@@ -1,5 +1,6 @@
 // One command run over a copy-on-write view of this machine, in private
-// mount, pid, uts, ipc, cgroup and (unless asked) network namespaces, with
+// mount, pid, uts, ipc, cgroup and (unless asked) network namespaces and,
+// where cgroup v2 allows, a cgroup with memory and pid limits, with
 // pid 1 playing the kernel for it, and the command confined to the view
 // (confinement.hpp, syscall_filter.hpp).  Every write lands in the changes
 // directory; nothing mounted or started outlives the run, nor the process
@@ -21,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "preview/cgroup_limits.hpp"
 #include "preview/machine_mounts.hpp"
 #include "preview/view.hpp"
 
@@ -69,6 +71,8 @@ struct Sandbox {
     // The limit of each tmpfs of the view, as tmpfs takes it: a quarter of
     // this machine's memory unless told.
     std::string tmpfs_size = "25%";
+    // The bounds of the sandbox's own cgroup, where this machine can give it one.
+    CgroupLimits limits;
     std::string cgroup;    // file shown as the command's own /proc/self/cgroup
     // Descriptors for the standard streams; -1 shares this process's own.
     int stdin_fd = -1, stdout_fd = -1, stderr_fd = -1;

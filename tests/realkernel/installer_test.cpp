@@ -26,7 +26,10 @@ std::string installed_module(const GuestBoot& boot) { return "/lib/modules/" + b
 
 class ManualInstallBoot : public BootSuite<ManualInstallBoot> {
 protected:
-    static void SetUpTestSuite() { start(std::move(GuestBoot("manual").scenario("install_manual.sh").timeout(660s))); }
+    static void SetUpTestSuite() {
+        start(std::move(
+            GuestBoot("manual").scenario("install_manual.sh").scenario("preview_hostile.sh").timeout(660s)));
+    }
 };
 
 TEST_F(ManualInstallBoot, KbuildBuildsTheModuleAndTheKernelLoadsIt) {
@@ -43,6 +46,22 @@ TEST_F(ManualInstallBoot, AgainTheRealRmmodTakesItOutBeforeItComesBack) {
     // The kernel saw the module come, go with rmmod, and come back.
     expect_facts(boot(), "install_manual",
                  {{"again.status", "0"}, {"first_module_again", "vantoria"}, {"loads", "2"}, {"unloads", "1"}});
+}
+
+// A package that tries every way out of the preview's view, and every way to
+// change the kernel from it, leaves the guest as it was.
+TEST_F(ManualInstallBoot, APreviewedPackageThatTriesToLeaveTheViewChangesNothing) {
+    const char* scenario = "preview_hostile";
+    ASSERT_EQ(boot().exit_status(scenario), 0) << boot().where(scenario);
+    EXPECT_EQ(text(boot(), scenario, "preview.status"), "0\n") << text(boot(), scenario, "preview.err");
+    expect_facts(boot(), scenario, {{"markers", ""}, {"left_running", ""}, {"limits", "4096\n0::/"}});
+    EXPECT_EQ(text(boot(), scenario, "kernel_after"), text(boot(), scenario, "kernel_before"));
+    EXPECT_EQ(text(boot(), scenario, "after"), text(boot(), scenario, "before"));
+    // What the package wrote inside the view is reported, and nothing that an attempt left there.
+    const auto report = nlohmann::json::parse(text(boot(), scenario, "preview.out"), nullptr, false);
+    EXPECT_NE(report["created"].dump().find("/var/tmp/inside-the-view"), std::string::npos) << report.dump(2);
+    for (const char* list : {"created", "changed", "deleted"})
+        EXPECT_EQ(report[list].dump().find("escaped"), std::string::npos) << report[list].dump(2);
 }
 
 // A kernel booted with module.sig_enforce=1, and no key given.

@@ -60,6 +60,9 @@ enter_root() {
         fail "overlay root"
     mount -t proc proc /newroot/proc
     mount -t sysfs sysfs /newroot/sys
+    # cgroup v2 where systemd mounts it on a host, the root cgroup able to
+    # hand its controllers on (the preview bounds its sandbox there).
+    mount -t cgroup2 cgroup2 /newroot/sys/fs/cgroup
     mount -t devtmpfs devtmpfs /newroot/dev
     mkdir -p /newroot/dev/pts /newroot/dev/shm
     mount -t devpts devpts /newroot/dev/pts

@@ -4,7 +4,7 @@
 # requirements are Debian's packages instead, in one virtual environment that
 # sees them. Every test runs but pslint, which needs PowerShell.
 #
-#   python3 sanity.py COLLECTION_SOURCE WORK_DIR
+#   python3 ansible_sanity.py COLLECTION_SOURCE WORK_DIR
 import os
 import shutil
 import subprocess

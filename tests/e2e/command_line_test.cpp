@@ -46,8 +46,7 @@ TEST(CommandLine, HelpAndParseErrorsEndBeforeAnyLookAtTheHost) {
         EXPECT_EQ(r.out.empty(), c.status != 0) << c.args[0];
         EXPECT_EQ(r.err.empty(), c.status == 0) << c.args[0];
         EXPECT_TRUE(lacks(host.log(), "earlier run")) << c.args[0];
-        EXPECT_TRUE(lacks(host.log(), "driver prefix is")) << c.args[0];
-        EXPECT_FALSE(host.exists(record_path)) << c.args[0];
+        EXPECT_TRUE(lacks(host.log(), "driver prefix is")) << c.args[0];  // no installer, so no record either
     }
     // The defaults are spoken as they were at declaration, the options of the
     // family's other tools and the quiet flag stay hidden, and of the help

@@ -21,8 +21,6 @@ json run_json(lab::Host& host, const std::string& program, int* status) {
     return json::parse(r.out, nullptr, false);
 }
 
-bool loaded(lab::Host& host, const std::string& name) { return host.proc_modules().find(name + " ") != std::string::npos; }
-
 struct BuildPath {
     const char* story;
     std::vector<std::string> args;
@@ -53,23 +51,17 @@ TEST_P(Lifecycle, InstalledReportedEditedRemovedAndInstalledAgain) {
     // The modules wherever they stand in the list, the peer-memory one first.
     host.proc_modules("snd 4096 0 - Live 0xffffffffc0000000\nvantoria 4096 0 - Live 0xffffffffc0a00000\n"
                       "vnt_peer_mem_drv 4096 0 - Live 0xffffffffc0b00000\n");
-    const std::vector<Line> recorded = parse_record(host.record());
     report = run_json(host, uninstaller, &status);
     EXPECT_EQ(status, 0) << report.dump(2);
     EXPECT_EQ(report["kept"], json::array({edited}));
     EXPECT_EQ(report["modules_unloaded"], json::array({"vnt_peer_mem_drv", "vantoria"}));
     EXPECT_EQ(host.module_events().unloaded, (std::vector<std::string>{"vnt_peer_mem_drv", "vantoria"}));
-    EXPECT_FALSE(loaded(host, "vantoria") || loaded(host, "vnt_peer_mem_drv"));
-    for (const Line& line : recorded) {
-        if (line.type == "QUORL" || canonical(line.path) == edited) continue;
-        EXPECT_FALSE(present(host, line) || host.is_symlink(line.path)) << line.type << " " << line.path;
-    }
-    EXPECT_EQ(host.run({"dkms", "status"}).out, "");
     // The module index no longer leads modprobe to the module.
     EXPECT_TRUE(lacks(host.read("/lib/modules/" + release + "/modules.dep").value_or(""), "vantoria"));
 
-    // The host as it was before the installation, but for the edited file,
-    // the two logs and the module index that depmod rewrote.
+    // The host as it was before the installation (every recorded path gone, the
+    // DKMS tree too), but for the edited file, the two logs and the module index
+    // that depmod rewrote.
     std::vector<lab::Change> left;
     for (const lab::Change& change : host.changes()) {
         const bool index = change.path.rfind("/usr/lib/modules/" + release + "/modules.", 0) == 0;

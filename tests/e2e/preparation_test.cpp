@@ -74,8 +74,7 @@ const Row rows[] = {
      [](lab::Host& host, const lab::RunResult&) { EXPECT_TRUE(host.exists(record_path)); }},
     {"a container is only warned about", stop([](lab::Host& h) { h.cgroup("12:pids:/docker/4f\n11:memory:/docker/4f\n"); }),
      {}, 33, {"Debug: seeking docker found line is #12:pids:/docker/4f#\nWarning: You're install driver inside docker, the "
-              "installation may be corrupt.\nDebug: Using kernel source: " + build_tree + "\n"},
-     {}, {}, [](lab::Host&, const lab::RunResult& r) { EXPECT_TRUE(lacks(r.err, "docker")); }},
+              "installation may be corrupt.\nDebug: Using kernel source: " + build_tree + "\n"}},
     {"dangling build link then the headers place", stop([](lab::Host& h) { h.symlink("/nowhere", build_tree); }), {}, 33,
      {"Debug: Using kernel source: " + headers_tree + "\n" + tools_found}},
     {"source link before the kernels place",
@@ -133,9 +132,6 @@ const Row rows[] = {
      {abnormal_end}, {}, no_record},
     {"target that is a plain file stops with 11", [](lab::Host& h) { h.file("/usr/local/quorl-3.2.1", "a file\n"); }, {},
      11, {"gcc version: "}, {}, {"do check module sign"}, console_is(failure(11))},
-    {"target that links to a file stops with 11",
-     [](lab::Host& h) { h.file("/root/plain", "x").symlink("/root/plain", "/usr/local/quorl-3.2.1"); }, {}, 11,
-     {"gcc version: "}, {}, {"do check module sign"}},
     {"created directories reach the record though preparation fails", stop([](lab::Host&) {}),
      {"--prefix", "/opt/vendor/tools"}, 33, {}, {}, {},
      [](lab::Host& host, const lab::RunResult& r) {

@@ -1,27 +1,22 @@
 // The preview's stand-ins, in the simulated host that shares them: the
 // kernel's answers to the module calls, the list of what a run changed, and
-// the systemctl that records calls and keeps systemd's links as systemd would.
+// the systemctl that keeps systemd's links as systemd would.
 #include <gtest/gtest.h>
-
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 
+#include "../support/child_process.hpp"
 #include "lab_host.hpp"
 #include "preview/systemctl_stand_in.hpp"
 
 namespace {
 
-using Calls = std::vector<std::string>;
 using Changes = std::vector<lab::Change>;
 
-TEST(KernelStandIn, ModuleCallsAnswerAsChosen) {
+TEST(KernelStandIn, ModuleCallsAnswerAsAKernelWould) {
     LAB_REQUIRE();
     lab::Host host;
     host.copy(LAB_MODCALL, "/usr/bin/lab-modcall")
@@ -35,15 +30,13 @@ TEST(KernelStandIn, ModuleCallsAnswerAsChosen) {
     };
     const std::string labmod = "labmod 4096 0 - Live 0xffffffffc0a00000";
     const std::string labother = "labother 4096 0 - Live 0xffffffffc0a10000";
+    // A load or unload refused with the errno the test chose is the scenarios' to pin.
     const Step steps[] = {
-        {"init /root/labmod.ko", [](lab::Host& h) { h.module_result("labmod", EKEYREJECTED); }, "129", ""},
-        {"init /root/labmod.ko", [](lab::Host& h) { h.module_result("labmod", ENOENT); }, "2", ""},
-        {"init /root/labmod.ko", [](lab::Host& h) { h.module_result("labmod", 0); }, "0", labmod},
+        {"init /root/labmod.ko", nullptr, "0", labmod},
         {"init /root/labmod.ko", nullptr, "17", labmod},
         {"finit /root/labother.ko", nullptr, "0", labother},
         {"finit /root/labmod.ko", nullptr, "17", labother},
-        {"delete labmod", [](lab::Host& h) { h.unload_result("labmod", EAGAIN); }, "11", labother},
-        {"delete labmod", [](lab::Host& h) { h.unload_result("labmod", 0); }, "0", labother},
+        {"delete labmod", nullptr, "0", labother},
         {"delete labmod", nullptr, "2", labother},
         {"delete labother", [](lab::Host& h) { h.proc_modules("labother 4096 2 - Live 0xffffffffc0a10000\n"); },
          "16", "labother 4096 2 - Live 0xffffffffc0a10000"},
@@ -59,17 +52,14 @@ TEST(KernelStandIn, ModuleCallsAnswerAsChosen) {
         EXPECT_EQ(r.out, expected) << s.call;
     }
     EXPECT_EQ(host.kernel_log(),
-              "[    1.000000] labmod: init_module refused: errno 129 (Key was rejected by service)\n"
-              "[    2.000000] labmod: init_module refused: errno 2 (No such file or directory)\n"
-              "[    3.000000] labmod: loaded by init_module\n"
-              "[    4.000000] labmod: init_module refused: errno 17 (File exists)\n"
-              "[    5.000000] labother: loaded by finit_module\n"
-              "[    6.000000] labmod: finit_module refused: errno 17 (File exists)\n"
-              "[    7.000000] labmod: delete_module refused: errno 11 (Resource temporarily unavailable)\n"
-              "[    8.000000] labmod: unloaded\n"
-              "[    9.000000] labmod: delete_module refused: errno 2 (No such file or directory)\n"
-              "[   10.000000] labother: delete_module refused: errno 16 (Device or resource busy)\n"
-              "[   11.000000] init_module: not a module image (5 bytes)\n");
+              "[    1.000000] labmod: loaded by init_module\n"
+              "[    2.000000] labmod: init_module refused: errno 17 (File exists)\n"
+              "[    3.000000] labother: loaded by finit_module\n"
+              "[    4.000000] labmod: finit_module refused: errno 17 (File exists)\n"
+              "[    5.000000] labmod: unloaded\n"
+              "[    6.000000] labmod: delete_module refused: errno 2 (No such file or directory)\n"
+              "[    7.000000] labother: delete_module refused: errno 16 (Device or resource busy)\n"
+              "[    8.000000] init_module: not a module image (5 bytes)\n");
 }
 
 TEST(ViewChanges, ListCreatedModifiedAndDeletedPaths) {
@@ -112,7 +102,7 @@ echo scratch > /tmp/not-a-change
                                        {'C', "/usr/lib/firmware/labfw"}}));
 }
 
-TEST(SystemctlStandIn, KeepsTheLinksAndRecordsTheCalls) {
+TEST(SystemctlStandIn, KeepsTheLinksAsSystemdWould) {
     LAB_REQUIRE();
     lab::Host host;
     host.file("/lib/systemd/system/lab-demo@.service",
@@ -123,25 +113,19 @@ TEST(SystemctlStandIn, KeepsTheLinksAndRecordsTheCalls) {
         std::string command, out;
         int status;
     };
+    // An unknown unit's status, and how the calls are recorded, are the preview's and the scenarios' to pin.
     const Case cases[] = {
-        {"systemctl status nothing-here", "", 4},
         {"systemctl enable lab-demo@a && readlink " + wants + "lab-demo@a.service", "/lib/systemd/system/lab-demo@.service\n", 0},
         {"systemctl is-enabled lab-demo@a", "enabled\n", 0},
         {"systemctl restart lab-demo@a && systemctl status lab-demo@a",
          "\u25cf lab-demo@a.service\n     Loaded: loaded (/lib/systemd/system/lab-demo@.service)\n     Active: inactive (dead)\n", 0},
-        {"systemctl disable lab-demo@a && ls " + wants + " | grep -c lab-demo", "0\n", 1},
-        {"systemctl is-enabled lab-demo@a", "disabled\n", 1},
-        {"systemctl stop 'with blank' \"it's\"", "", 0},
+        {"systemctl disable lab-demo@a && systemctl is-enabled lab-demo@a", "disabled\n", 1},
     };
     for (const auto& c : cases) {
         auto r = host.shell(c.command);
         EXPECT_EQ(r.out, c.out) << c.command << "\n" << r.err;
         EXPECT_EQ(r.status, c.status) << c.command;
     }
-    EXPECT_EQ(host.calls("systemctl"),
-              (Calls{"systemctl status nothing-here", "systemctl enable lab-demo@a", "systemctl is-enabled lab-demo@a",
-                     "systemctl restart lab-demo@a", "systemctl status lab-demo@a", "systemctl disable lab-demo@a",
-                     "systemctl is-enabled lab-demo@a", "systemctl stop 'with blank' 'it'\\''s'"}));
     EXPECT_EQ(host.changes(), Changes{});
 }
 
@@ -151,29 +135,21 @@ TEST(SystemctlStandIn, KeepsTheLinksAndRecordsTheCalls) {
 // link on this machine.
 TEST(SystemctlStandIn, RefusesOutsideAView) {
     LAB_REQUIRE();
-    int err[2];
-    ASSERT_EQ(pipe(err), 0);
-    const pid_t child = fork();
-    if (child == 0) {
+    const auto apart = [] {
         if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount("scratch", "/etc", "tmpfs", 0, nullptr) != 0 || mount("scratch", "/run", "tmpfs", 0, nullptr) != 0)
-            _exit(90);
+            return std::string("cannot put /etc and /run apart: ") + strerror(errno);
+        return std::string();
+    };
+    in_child(apart, [] {
         std::filesystem::create_directories("/etc/systemd/system");
         std::ofstream("/etc/systemd/system/lab-demo@.service") << "[Install]\nWantedBy=multi-user.target\n";
-        dup2(err[1], 2);
-        const int status = preview::systemctl_stand_in("systemctl", {"enable", "lab-demo@b"});
-        const bool untouched = !std::filesystem::exists("/etc/systemd/system/multi-user.target.wants");
-        _exit(status == 1 && untouched ? 0 : 1);
-    }
-    close(err[1]);
-    std::string said;
-    char buffer[512];
-    for (ssize_t n; (n = read(err[0], buffer, sizeof buffer)) > 0;) said.append(buffer, static_cast<size_t>(n));
-    close(err[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(said, "systemctl: this is quorl-driver-preview's stand-in for systemctl, which only works inside a preview\n");
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(preview::systemctl_stand_in("systemctl", {"enable", "lab-demo@b"}), 1);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "systemctl: this is quorl-driver-preview's stand-in for systemctl, which only works inside a preview\n");
+        EXPECT_FALSE(std::filesystem::exists("/etc/systemd/system/multi-user.target.wants"));
+    });
 }
 
 }  // namespace

@@ -35,8 +35,8 @@ protected:
 TEST_F(ManualInstallBoot, KbuildBuildsTheModuleAndTheKernelLoadsIt) {
     ASSERT_EQ(boot().exit_status("install_manual"), 0) << boot().where("install_manual");
     expect_facts(boot(), "install_manual",
-                 {{"install.status", "0"}, {"first_module", "vantoria"}, {"version", "3.2.1"},
-                  {"vermagic", boot().release()}, {"found_by_modprobe", installed_module(boot())}, {"tmp_entries", "0"}});
+                 {{"install.status", "0"}, {"first_module", "vantoria"}, {"vermagic", boot().release()},
+                  {"tmp_entries", "0"}});
     // The guest's root is this machine's, read-only below a layer in guest memory.
     for (const std::string& path : {installed_module(boot()), std::string("/usr/local/quorl-3.2.1")})
         EXPECT_FALSE(std::filesystem::exists(path)) << path << " reached this machine";
@@ -76,11 +76,7 @@ protected:
 TEST_F(SignedInstallBoot, TheKernelRefusesTheGeneratedKeyAndTheRunEndsIn50) {
     ASSERT_EQ(boot().exit_status("install_signed"), 0) << boot().where("install_signed");
     expect_facts(boot(), "install_signed",
-                 {{"enforced", "Y"},
-                  {"install.status", "50"},
-                  {"loaded", "0"},
-                  {"rejected_for_key", "2"},
-                  {"signer", "quorl-installer generated signing key"},
+                 {{"enforced", "Y"}, {"install.status", "50"}, {"loaded", "0"}, {"rejected_for_key", "2"},
                   {"modprobe.err", "modprobe: ERROR: could not insert 'vantoria': Key was rejected by service"},
                   {"modprobe_signed_by_debian.status", "0"}});
 }
@@ -92,15 +88,8 @@ protected:
 
 TEST_F(DkmsInstallBoot, TheRealDkmsBuildsInstallsAndTheModuleLoads) {
     ASSERT_EQ(boot().exit_status("install_dkms"), 0) << boot().where("install_dkms");
-    const std::string release = boot().release();
     expect_facts(boot(), "install_dkms",
-                 {{"install.status", "0"},
-                  {"first_module", "vantoria"},
-                  {"status.out", "quorl/3.2.1, " + release + ", x86_64: installed"},
-                  {"found_by_modprobe", "/lib/modules/" + release + "/updates/dkms/vantoria.ko"},
-                  {"version", "3.2.1"},
-                  {"signer", "realkernel dkms signing key"},  // the pair dkms finds in /var/lib/dkms
-                  {"built", "vantoria.ko vnt_peer_mem_drv.ko "}});
+                 {{"install.status", "0"}, {"first_module", "vantoria"}, {"built", "vantoria.ko vnt_peer_mem_drv.ko "}});
 }
 
 TEST_F(DkmsInstallBoot, TheStatusSeesTheLoadedModuleAndTheUninstallerTakesItOut) {
@@ -113,8 +102,6 @@ TEST_F(DkmsInstallBoot, TheStatusSeesTheLoadedModuleAndTheUninstallerTakesItOut)
     EXPECT_EQ(removal["status"], 0) << text(boot(), scenario, "uninstall.err");
     EXPECT_EQ(removal["modules_unloaded"], nlohmann::json::array({"vantoria"}));
     EXPECT_EQ(text(boot(), scenario, "modules_after_uninstall").find("vantoria "), std::string::npos);
-    EXPECT_EQ(text(boot(), scenario, "dkms_after_uninstall.out"), "");
-    EXPECT_EQ(text(boot(), scenario, "status_removed.status"), "3\n");
 }
 
 // A snapshot fact (rk_snapshot): each path with its "TYPE CONTENT".

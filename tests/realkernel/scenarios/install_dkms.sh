@@ -19,18 +19,9 @@ calls_before=$(cat /rk/out/systemctl.calls 2>/dev/null | wc -l)
 rk_run install ./quorl-driver-installer
 rk_snapshot after_install
 rk_fact install.calls "$(tail -n +$((calls_before + 1)) /rk/out/systemctl.calls)"
-rk_fact modules_after_install "$(cat /proc/modules)"
 rk_fact first_module "$(rk_first_module)"
-rk_run status dkms status quorl
-rk_fact found_by_modprobe "$(modinfo -n vantoria)"
-rk_fact version "$(modinfo -F version vantoria)"
-rk_fact signer "$(modinfo -F signer vantoria)"
 rk_fact built "$(ls "/var/lib/dkms/quorl/3.2.1/$release/x86_64/module" | tr '\n' ' ')"
-rk_record record
-rk_changes changes
 
 rk_run status_installed /usr/local/quorl-3.2.1/bin/quorl-driver-status --json
 rk_run uninstall /usr/local/quorl-3.2.1/bin/quorl-driver-uninstaller --json
 rk_fact modules_after_uninstall "$(cat /proc/modules)"
-rk_run dkms_after_uninstall dkms status quorl
-rk_run status_removed ./quorl/bin/quorl-driver-status

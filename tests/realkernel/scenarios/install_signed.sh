@@ -4,18 +4,12 @@
 # not know the key and refuses the module. What the run leaves on the disk is
 # the simulated host's to pin.
 . "$RK_LIB"
-release=$(uname -r)
-installed=/lib/modules/$release/kernel/drivers/misc/vantoria.ko
 rk_fact enforced "$(cat /sys/module/module/parameters/sig_enforce)"
 rk_join_kernel_headers
 rk_unpack_package /root/quorl-driver
 cd /root/quorl-driver
 rk_run install ./quorl-driver-installer --disable-dkms
 rk_fact loaded "$(grep -c '^vantoria ' /proc/modules)"
-rk_save install.log /var/log/vantoriaquorl/driver_installer.log
-rk_record record
-rk_changes changes
-rk_fact signer "$(modinfo -F signer "$installed")"
 # The kernel's side: modprobe is refused in the same words, while the
 # distribution's own signed modules still load.
 rk_run modprobe modprobe vantoria

@@ -26,8 +26,8 @@ TEST(FirmwareCheck, OneGoodCardIsEnoughAndOnlyOurChipsAreJudged) {
         std::vector<ChipInfo> chips;
         bool passes;
     } cases[] = {
-        {"no card", {}, true},
         {"a later minor passes whatever the patch", {chip("01", 2, 0x01000100)}, true},
+        {"one good card beside an old one", {chip("01", 2, 0x01000009), chip("02", 2, 0x01000008)}, true},
         {"ident_high 1 is judged", {chip("01", 2, 0x01000001, 1)}, false},
         {"ident_high 2 is not, beside a judged old card", {chip("01", 2, 0x02000000, 3), chip("02", 2, 0x01000001)}, false},
         {"held by another driver", {chip("01", 2, 0x01000001, 0, -1)}, true},

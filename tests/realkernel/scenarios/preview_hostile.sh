@@ -1,8 +1,8 @@
 # A package whose kernel build tries every way out of the preview's view, and
 # the ways that would change this kernel, each with a harmless action; the
 # escapes leave /escaped-NAME (or their file outside the view). Afterwards the
-# guest must hold no marker, the same modules, keys, settings, kernel log and
-# cgroups as before, and nothing of the preview may still run.
+# guest must hold no marker, the same modules, keys, settings, kernel log,
+# cgroups and mounts as before, and nothing of the preview may still run.
 . "$RK_LIB"
 rk_join_kernel_headers
 rk_unpack_package /root/quorl-driver
@@ -32,6 +32,9 @@ kernel_state() {
     cat /proc/key-users /proc/sys/vm/swappiness
     dmesg | head -n 3
     find /sys/fs/cgroup -mindepth 1 -maxdepth 1 -type d | sort
+    # The mounts and the mount namespaces that any process holds.
+    wc -l < /proc/self/mountinfo
+    readlink /proc/[0-9]*/ns/mnt | sort -u | wc -l
 }
 rk_fact kernel_before "$(kernel_state)"
 rk_snapshot before

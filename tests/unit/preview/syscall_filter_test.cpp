@@ -41,8 +41,11 @@ const Row rows[] = {
     {"open_tree", [] { return sys(SYS_open_tree, -1); }, EPERM},
     {"move_mount", [] { return sys(SYS_move_mount, -1); }, EPERM},
     {"fsopen", [] { return sys(SYS_fsopen); }, EPERM},
+    {"fsconfig", [] { return sys(SYS_fsconfig, -1); }, EPERM},
     {"fsmount", [] { return sys(SYS_fsmount, -1); }, EPERM},
+    {"fspick", [] { return sys(SYS_fspick, -1); }, EPERM},
     {"mount_setattr", [] { return sys(SYS_mount_setattr, -1); }, EPERM},
+    {"name_to_handle_at", [] { return sys(SYS_name_to_handle_at, -1); }, EPERM},
     {"open_by_handle_at", [] { return sys(SYS_open_by_handle_at, -1); }, EPERM},
     {"bpf", [] { return sys(SYS_bpf, -1); }, EPERM},
     {"perf_event_open", [] { return sys(SYS_perf_event_open); }, EPERM},
@@ -52,6 +55,7 @@ const Row rows[] = {
     {"swapon", [] { return sys(SYS_swapon); }, EPERM},
     {"swapoff", [] { return sys(SYS_swapoff); }, EPERM},
     {"quotactl", [] { return sys(SYS_quotactl); }, EPERM},
+    {"quotactl_fd", [] { return sys(SYS_quotactl_fd, -1); }, EPERM},
     {"syslog", [] { return sys(SYS_syslog, 10); }, EPERM},
     {"acct", [] { return sys(SYS_acct, 1); }, EPERM},
     {"fanotify_init", [] { return sys(SYS_fanotify_init, -1); }, EPERM},
@@ -65,6 +69,7 @@ const Row rows[] = {
     {"kexec_file_load", [] { return sys(SYS_kexec_file_load, -1); }, EPERM},
     {"reboot", [] { return sys(SYS_reboot); }, EPERM},
     {"iopl", [] { return sys(SYS_iopl, 0); }, EPERM},
+    {"ioperm", [] { return sys(SYS_ioperm); }, EPERM},
     {"ioctl TIOCSTI", [] { return sys(SYS_ioctl, 0, TIOCSTI); }, EPERM},
     {"ioctl TIOCSTI with high bits", [] { return sys(SYS_ioctl, 0, 0xffffffff00000000L | TIOCSTI); }, EPERM},
     {"ioctl TCGETS", [] { return sys(SYS_ioctl, 0, TCGETS); }, passed},
@@ -94,11 +99,11 @@ const Row rows[] = {
 void load_stop_filter() {
     scmp_filter_ctx ctx = seccomp_init(SCMP_ACT_ALLOW);
     for (const char* name :
-         {"mount", "umount2", "pivot_root", "setns", "unshare", "open_tree", "move_mount", "fsopen", "fsmount",
-          "mount_setattr", "open_by_handle_at", "bpf", "perf_event_open", "add_key", "request_key", "keyctl", "swapon",
-          "swapoff", "quotactl", "syslog", "acct", "fanotify_init", "ptrace", "process_vm_writev", "clock_settime",
-          "clock_adjtime", "settimeofday", "adjtimex", "kexec_load", "kexec_file_load", "reboot", "iopl", "socket",
-          "socketpair"})
+         {"mount", "umount2", "pivot_root", "setns", "unshare", "open_tree", "move_mount", "fsopen", "fsconfig",
+          "fsmount", "fspick", "mount_setattr", "name_to_handle_at", "open_by_handle_at", "bpf", "perf_event_open",
+          "add_key", "request_key", "keyctl", "swapon", "swapoff", "quotactl", "quotactl_fd", "syslog", "acct",
+          "fanotify_init", "ptrace", "process_vm_writev", "clock_settime", "clock_adjtime", "settimeofday", "adjtimex",
+          "kexec_load", "kexec_file_load", "reboot", "iopl", "ioperm", "socket", "socketpair"})
         seccomp_rule_add(ctx, SCMP_ACT_ERRNO(ESRCH), seccomp_syscall_resolve_name(name), 0);
     for (scmp_datum_t request : {scmp_datum_t{TIOCSTI}, scmp_datum_t{TCGETS}})
         seccomp_rule_add(ctx, SCMP_ACT_ERRNO(ESRCH), SCMP_SYS(ioctl), 1, SCMP_A1_64(SCMP_CMP_MASKED_EQ, 0xffffffff, request));

@@ -28,7 +28,12 @@ class ManualInstallBoot : public BootSuite<ManualInstallBoot> {
 protected:
     static void SetUpTestSuite() {
         start(std::move(
-            GuestBoot("manual").scenario("install_manual.sh").scenario("preview_hostile.sh").timeout(660s)));
+            GuestBoot("manual")
+                .scenario("install_manual.sh")
+                .scenario("preview_hostile.sh")
+                .env("RK_ESCAPE_ATTEMPTS",
+                     (std::filesystem::path(RK_SOURCE_DIR).parent_path() / "preview/escape_attempts.sh").string())
+                .timeout(660s)));
     }
 };
 

@@ -22,15 +22,6 @@ const std::string hierarchy = "/sys/fs/cgroup";
 const std::string prefix = "quorl-sandbox-";
 constexpr long cgroup2_magic = 0x63677270;
 
-// A control file takes its value in one write, and says in that write when it refuses.
-bool write_control(const std::string& path, const std::string& value) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool written = write(fd, value.data(), value.size()) == static_cast<ssize_t>(value.size());
-    close(fd);
-    return written;
-}
-
 // A sandbox cut short (its preview killed) leaves its empty cgroup behind;
 // a populated one refuses rmdir and stays.
 void remove_stale(const std::string& parent) {
@@ -75,22 +66,22 @@ std::string make_limited_cgroup(const CgroupLimits& limits) {
     // cgroup that holds processes of its own (a login session) cannot.
     if (!controllers_missing(read_text(parent + "/cgroup.controllers")).empty()) return "";
     const std::string missing = controllers_missing(read_text(parent + "/cgroup.subtree_control"));
-    if (!missing.empty() && !write_control(parent + "/cgroup.subtree_control", missing)) return "";
+    if (!missing.empty() && !write_to_kernel(parent + "/cgroup.subtree_control", missing)) return "";
     remove_stale(parent);
     const std::string dir = parent + "/" + prefix + std::to_string(getpid());
     if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return "";
     const uint64_t memory = limits.memory_max ? limits.memory_max
                                               : static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) *
                                                     static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 2;
-    if (!write_control(dir + "/memory.max", std::to_string(memory)) ||
-        !write_control(dir + "/pids.max", std::to_string(limits.pids_max))) {
+    if (!write_to_kernel(dir + "/memory.max", std::to_string(memory)) ||
+        !write_to_kernel(dir + "/pids.max", std::to_string(limits.pids_max))) {
         rmdir(dir.c_str());
         return "";
     }
     return dir;
 }
 
-bool join_cgroup(const std::string& dir) { return write_control(dir + "/cgroup.procs", "0"); }
+bool join_cgroup(const std::string& dir) { return write_to_kernel(dir + "/cgroup.procs", "0"); }
 
 void remove_cgroup(const std::string& dir) {
     // The processes of a pid namespace that just ended may still be on their

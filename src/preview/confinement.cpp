@@ -12,20 +12,9 @@
 
 #include <cerrno>
 
+#include "preview/text_files.hpp"
+
 namespace preview {
-
-namespace {
-
-// A map of /proc is taken in one write, or not at all.
-bool write_once(const std::string& path, const std::string& text) {
-    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(fd);
-    return written;
-}
-
-}  // namespace
 
 bool enter_view(const std::string& root, std::string* failed_step) {
     auto fail = [&](const char* step) {
@@ -51,7 +40,7 @@ bool map_every_id(int sock, const std::string& proc, pid_t pid) {
     if (read(sock, &byte, 1) != 1 || byte != 'u') return false;
     const std::string dir = proc + "/" + std::to_string(pid);
     const std::string every_id = "0 0 " + std::to_string(unmapped_id) + "\n";
-    if (!write_once(dir + "/uid_map", every_id) || !write_once(dir + "/gid_map", every_id)) return false;
+    if (!write_to_kernel(dir + "/uid_map", every_id) || !write_to_kernel(dir + "/gid_map", every_id)) return false;
     byte = 'm';
     return write(sock, &byte, 1) == 1;
 }

@@ -1,8 +1,9 @@
 #include "preview/machine_mounts.hpp"
 
-#include <fstream>
 #include <set>
 #include <sstream>
+
+#include "preview/text_files.hpp"
 
 namespace preview {
 
@@ -96,11 +97,6 @@ std::vector<std::string> kernel_trees_below(const std::string& mountinfo, const 
     return points;
 }
 
-std::vector<MachineMount> content_mounts() {
-    std::ifstream in("/proc/self/mountinfo");
-    std::ostringstream text;
-    text << in.rdbuf();
-    return content_mounts(text.str());
-}
+std::vector<MachineMount> content_mounts() { return content_mounts(read_text("/proc/self/mountinfo")); }
 
 }  // namespace preview

@@ -26,6 +26,14 @@ void write_text(const std::string& path, const std::string& text) {
     close(fd);
 }
 
+bool write_to_kernel(const std::string& path, const std::string& value) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool written = write(fd, value.data(), value.size()) == static_cast<ssize_t>(value.size());
+    close(fd);
+    return written;
+}
+
 void append_text(const std::string& path, const std::string& text) { write_text(path, read_text(path) + text); }
 
 std::vector<std::string> lines_of(const std::string& text) {

@@ -1,4 +1,5 @@
-// Small whole-file reads and writes of the preview's own state files.
+// Small whole-file reads and writes of the preview's own state files, and
+// of the kernel's control files.
 #pragma once
 
 #include <string>
@@ -12,6 +13,10 @@ std::string read_text(const std::string& path);
 // elsewhere), creating it with mode 0644 if needed.
 void write_text(const std::string& path, const std::string& text);
 void append_text(const std::string& path, const std::string& text);
+// A file of the kernel's (a /proc map, a cgroup control file) takes its
+// value in one write, which refuses what it does not take: false then, or
+// when the file is not there.
+bool write_to_kernel(const std::string& path, const std::string& value);
 std::vector<std::string> lines_of(const std::string& text);
 
 }  // namespace preview
